@@ -1,0 +1,593 @@
+// The functions themselves are wanted here, not their inline forms.
+#define IAP2_MARSHAL_NO_INLINE
+#include <korvane/iAp2Marshal.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <iterator>
+#include <limits>
+
+#include "internal/recordLayout.h"
+#include "internal/report.h"
+#include "internal/rounding.h"
+#include "internal/slotWriter.h"
+
+using korvane::internal::canRoundUpToSlot;
+using korvane::internal::roundUpToSlot;
+using korvane::internal::SlotWriter;
+
+/* ---- Cursor ---------------------------------------------------------------------------------- */
+
+[[gnu::cold, gnu::noinline]] void SlotWriter::refuse(MarshalIo& mio, std::size_t size)
+{
+    if (canRoundUpToSlot(size))
+    {
+        mio.flags |= IAP2_MARSHAL_OVERFLOW;
+        KORVANE_LOG(IAP2_LOG_ERROR, "ERROR : iAp2MarshalAlloc() overflow size[%zu] dataAvail[%zu]",
+                    roundUpToSlot(size), mio.dataAvail);
+    }
+    KORVANE_REPORT_FAILURE("iAp2MarshalAlloc", "overflow");
+}
+
+namespace
+{
+
+[[gnu::cold, gnu::noinline]] void reportNullBytes()
+{
+    KORVANE_REPORT_FAILURE("iAp2MarshalPutBytes", "iAp2MarshalPutBytes() bytes is NULL");
+}
+
+[[gnu::cold, gnu::noinline]] void refuseTake(MarshalIo& mio, std::uint32_t size)
+{
+    if (canRoundUpToSlot(size))
+    {
+        mio.flags |= IAP2_MARSHAL_OVERFLOW;
+        mio.dataAvail = 0;
+        // Prints the number just cleared; whoever reads the traces knows it as 0.
+        KORVANE_LOG(IAP2_LOG_ERROR,
+                    "ERROR : iAp2MarshalGet() Buffer overflow. dataAvail. mio[%zu] size[%u]",
+                    mio.dataAvail, roundUpToSlot(size));
+    }
+    KORVANE_REPORT_FAILURE("iAp2MarshalGet", "overflow");
+}
+
+/** The one primitive under every Get: a slot of `size` bytes, or null once that is reported. */
+inline std::uint8_t* marshalTake(MarshalIo& mio, std::uint32_t size)
+{
+    const std::uint32_t rounded = roundUpToSlot(size);
+    if (__builtin_expect(!canRoundUpToSlot(size) || mio.dataAvail < rounded, 0))
+    {
+        refuseTake(mio, size);
+        return nullptr;
+    }
+    std::uint8_t* const slot = mio.data;
+    mio.data += rounded;
+    mio.dataAvail -= rounded;
+    return slot;
+}
+
+template <typename Value> inline Value get(MarshalIo& mio)
+{
+    Value value = 0;
+    if (const std::uint8_t* const slot = marshalTake(mio, sizeof value))
+    {
+        std::memcpy(&value, slot, sizeof value);
+    }
+    return value;
+}
+
+} // namespace
+
+extern "C" {
+void iAp2MarshalInit(MarshalIo* mio, uint8_t* buffer, size_t maxdata, size_t headerSize)
+{
+    if (headerSize > maxdata)
+    {
+        mio->headerSize = 0;
+        mio->dataAvail = 0;
+        mio->flags = IAP2_MARSHAL_OVERFLOW;
+        KORVANE_LOG(IAP2_LOG_ERROR,
+                    "iAp2MarshalInit() buffer over flow. headerSize[%zu] maxdata[%zu]", headerSize,
+                    maxdata);
+        return;
+    }
+    mio->data = buffer + headerSize;
+    mio->data0 = mio->data;
+    mio->headerSize = headerSize;
+    mio->dataAvail = maxdata - headerSize;
+    mio->flags = IAP2_MARSHAL_WRITING;
+}
+
+void iAp2MarshalInitFromTxn(MarshalIo* mio, const void* txn)
+{
+    auto* const record = static_cast<std::uint8_t*>(const_cast<void*>(txn));
+    std::uint32_t payloadLength;
+    std::memcpy(&payloadLength, record + IAP2_TXN_LENGTH_OFFSET, sizeof payloadLength);
+
+    mio->data = record + IAP2_TXN_PAYLOAD_OFFSET;
+    mio->data0 = mio->data;
+    mio->dataAvail = payloadLength;
+    mio->flags = IAP2_MARSHAL_READING;
+}
+
+uint8_t* iAp2MarshalAlloc(MarshalIo* mio, size_t size)
+{
+    return SlotWriter(mio).alloc(size);
+}
+
+#define KORVANE_PUT_AND_GET(Name, Type)                                                            \
+    void iAp2MarshalPut##Name(MarshalIo* mio, Type value)                                          \
+    {                                                                                              \
+        SlotWriter(mio).put(value);                                                                \
+    }                                                                                              \
+    Type iAp2MarshalGet##Name(MarshalIo* mio)                                                      \
+    {                                                                                              \
+        return get<Type>(*mio);                                                                    \
+    }
+
+IAP2_MARSHAL_FOR_EACH_TYPE(KORVANE_PUT_AND_GET)
+
+#undef KORVANE_PUT_AND_GET
+
+void iAp2MarshalPutBytes(MarshalIo* mio, const void* bytes, uint32_t length)
+{
+    if (bytes == nullptr)
+    {
+        reportNullBytes();
+        return;
+    }
+    SlotWriter(mio).putBytes(bytes, length);
+}
+
+uint8_t* iAp2MarshalGetBytes(MarshalIo* mio, uint32_t* length)
+{
+    if (mio == nullptr)
+    {
+        KORVANE_LOG(IAP2_LOG_ERROR, "ERROR : iAp2MarshalGetByte() mio is NULL");
+        return nullptr;
+    }
+    if (length == nullptr)
+    {
+        KORVANE_LOG(IAP2_LOG_ERROR, "ERROR : iAp2MarshalGetByte() size is NULL");
+        return nullptr;
+    }
+    *length = get<std::uint32_t>(*mio);
+    return marshalTake(*mio, *length);
+}
+
+void* iAp2MarshalGetVoidPointer(MarshalIo* mio, uint32_t* length)
+{
+    return iAp2MarshalGetBytes(mio, length);
+}
+
+uint32_t iAp2MarshalGetUsedSize(MarshalIo* mio)
+{
+    if (mio == nullptr)
+    {
+        KORVANE_LOG(IAP2_LOG_ERROR, "ERROR : iAp2MarshalGetUsedSize() mio is NULL");
+        return 0;
+    }
+    if (mio->data < mio->data0)
+    {
+        KORVANE_LOG(IAP2_LOG_ERROR, "ERROR : (mio->data - mio->data0) < 0");
+        return 0;
+    }
+    constexpr std::size_t limit = std::numeric_limits<std::uint32_t>::max();
+    const auto body = static_cast<std::size_t>(mio->data - mio->data0);
+    if (body > limit || mio->headerSize > limit - body) // the sum itself could wrap
+    {
+        KORVANE_LOG(IAP2_LOG_ERROR, "ERROR : usedSize overflow");
+        return 0;
+    }
+    return static_cast<std::uint32_t>(body + mio->headerSize);
+}
+
+} // extern "C"
+
+/* ---- Parameter records ----------------------------------------------------------------------- */
+
+// A trace from between two values: whoever receives it finds the cursor behind the former.
+#define KORVANE_LOG_VALUE(out, level, ...)                                                         \
+    do                                                                                             \
+    {                                                                                              \
+        if (korvane::internal::isLevelPrinted(level))                                              \
+        {                                                                                          \
+            (out).commit();                                                                        \
+            logPrint(level, "IAP2", __FILE__, __LINE__, __VA_ARGS__);                              \
+        }                                                                                          \
+    } while (false)
+
+namespace
+{
+
+/** Only exactly 1 means present; any other number travels, but nothing follows it. */
+constexpr std::uint8_t kPresent = 1;
+
+/** How many characters of a text of `size` bytes "%.*s" may read: the text need not be ended. */
+int shownLength(std::uint32_t size)
+{
+    return static_cast<int>(
+        std::min<std::uint32_t>(size, std::uint32_t{std::numeric_limits<int>::max()}));
+}
+
+/** iAp2MarshalPutBytes() in the middle of a component. */
+void putByteString(SlotWriter& out, const void* bytes, std::uint32_t length)
+{
+    if (bytes == nullptr)
+    {
+        out.commit();
+        reportNullBytes();
+        return;
+    }
+    out.putBytes(bytes, length);
+}
+
+template <typename Record>
+void putScalarParam(SlotWriter& out, const Record& param, const char* typeName)
+{
+    out.put(param.present);
+    if (param.present == kPresent)
+    {
+        KORVANE_LOG_VALUE(out, IAP2_LOG_DEBUG, "%sParam [%u]", typeName, unsigned{param.value});
+        out.put(param.value);
+    }
+}
+
+void putParam(SlotWriter& out, const CmdSaveBoolParam& param)
+{
+    putScalarParam(out, param, "bool");
+}
+
+void putParam(SlotWriter& out, const CmdSaveUint8Param& param)
+{
+    putScalarParam(out, param, "uint8");
+}
+
+void putParam(SlotWriter& out, const CmdSaveUint16Param& param)
+{
+    putScalarParam(out, param, "uint16");
+}
+
+void putParam(SlotWriter& out, const CmdSaveUint32Param& param)
+{
+    putScalarParam(out, param, "uint32");
+}
+
+void putParam(SlotWriter& out, const CmdSaveParam& param)
+{
+    out.put(param.present);
+    if (param.present == kPresent)
+    {
+        putByteString(out, param.value, param.size);
+    }
+}
+
+void putParam(SlotWriter& out, const CmdSaveUtf8Param& param)
+{
+    out.put(param.present);
+    if (param.present == kPresent)
+    {
+        if (param.value == nullptr)
+        {
+            KORVANE_LOG_VALUE(out, IAP2_LOG_DEBUG, "Utf8Param [(null)]");
+        }
+        else
+        {
+            KORVANE_LOG_VALUE(out, IAP2_LOG_DEBUG, "Utf8Param [%.*s]", shownLength(param.size),
+                              param.value);
+        }
+        putByteString(out, param.value, param.size);
+    }
+}
+
+void putParam(SlotWriter& out, CmdSaveEssentialUtf8Param& param)
+{
+    if (param.size != 0 && param.value != nullptr)
+    {
+        KORVANE_LOG_VALUE(out, IAP2_LOG_DEBUG, "EssentialUTF8Param value [%.*s]",
+                          shownLength(param.size), param.value);
+        out.putBytes(param.value, param.size);
+    }
+    else
+    {
+        param.size = 0;
+        out.put(std::uint32_t{0});
+    }
+}
+
+template <typename Record> void putParamAt(void* record, MarshalIo* mio)
+{
+    SlotWriter out(mio);
+    putParam(out, *static_cast<Record*>(record));
+}
+
+} // namespace
+
+extern "C" void SimpleMashalingByType(void* pData, MarshalIo* mio, uint32_t type)
+{
+    if (mio == nullptr)
+    {
+        KORVANE_REPORT_FAILURE("SimpleMashalingByType", "piAp2Marshal is NULL");
+        return;
+    }
+    if (pData == nullptr)
+    {
+        KORVANE_REPORT_FAILURE("SimpleMashalingByType", "pData is NULL");
+        return;
+    }
+    switch (type)
+    {
+    case IAP2_PARAM_BOOL:
+        return putParamAt<CmdSaveBoolParam>(pData, mio);
+    case IAP2_PARAM_UINT32:
+        return putParamAt<CmdSaveUint32Param>(pData, mio);
+    case IAP2_PARAM_UINT16:
+        return putParamAt<CmdSaveUint16Param>(pData, mio);
+    case IAP2_PARAM_UINT8:
+        return putParamAt<CmdSaveUint8Param>(pData, mio);
+    case IAP2_PARAM_BYTES:
+        return putParamAt<CmdSaveParam>(pData, mio);
+    case IAP2_PARAM_UTF8:
+        return putParamAt<CmdSaveUtf8Param>(pData, mio);
+    case IAP2_PARAM_ESSENTIAL_UTF8:
+        return putParamAt<CmdSaveEssentialUtf8Param>(pData, mio);
+    default:
+        KORVANE_LOG(IAP2_LOG_WARNING, "not defined type !!");
+    }
+}
+
+/* ---- Identification components --------------------------------------------------------------- */
+
+namespace
+{
+
+/** True when a list of numbers is sent as such; otherwise a count of 0 takes its place. */
+bool hasValues(const Uint32ListParam& list)
+{
+    return list.count != 0 && list.values != nullptr;
+}
+
+/** The device transport's rates: traced before they are put, and the record is left alone. */
+void putSampleRates(SlotWriter& out, const Uint32ListParam& rates)
+{
+    if (!hasValues(rates))
+    {
+        out.put(std::uint32_t{0});
+        return;
+    }
+    out.put(rates.count);
+    for (std::uint32_t i = 0; i < rates.count; ++i)
+    {
+        KORVANE_LOG_VALUE(out, IAP2_LOG_DEBUG, "USBDeviceModeAudioSampleRate[%u], value = %d", i,
+                          static_cast<int>(rates.values[i]));
+        out.put(rates.values[i]);
+    }
+}
+
+/** The vehicle's lists: traced after they are put, and an empty one is marked in the record. */
+void putVehicleList(SlotWriter& out, Uint32ListParam& list, const char* valueName)
+{
+    if (!hasValues(list))
+    {
+        list.count = 0;
+        out.put(std::uint32_t{0});
+        return;
+    }
+    out.put(list.count);
+    for (std::uint32_t i = 0; i < list.count; ++i)
+    {
+        out.put(list.values[i]);
+        KORVANE_LOG_VALUE(out, IAP2_LOG_INFO, "%s value [%d]", valueName,
+                          static_cast<int>(list.values[i]));
+    }
+}
+
+/* What stands behind the identifier and the name of each component. */
+
+void putFields(SlotWriter& out, const UARTTransportComponent& record)
+{
+    out.put(record.value);
+}
+
+void putFields(SlotWriter& out, const USBDeviceTransportComponent& record)
+{
+    out.put(record.value);
+    putSampleRates(out, record.sampleRates);
+}
+
+void putFields(SlotWriter& out, const USBHostTransportComponent& record)
+{
+    out.putEach(record.values);
+}
+
+void putFields(SlotWriter& out, const BluetoothTransportComponent& record)
+{
+    out.put(record.value);
+    out.putBytes(record.macAddress, sizeof record.macAddress);
+}
+
+void putFields(SlotWriter& out, const iAP2HIDComponent& record)
+{
+    out.put(record.value);
+}
+
+void putFields(SlotWriter& out, VehicleInformationComponent& record)
+{
+    putVehicleList(out, record.engineTypes, "EngineType");
+    putParam(out, record.essentialText);
+    for (const CmdSaveUtf8Param& text : record.texts)
+    {
+        putParam(out, text);
+    }
+    putVehicleList(out, record.chargingConnectors, "ChargingConnector");
+    for (const CmdSaveUint32Param& value : record.values)
+    {
+        putParam(out, value);
+    }
+}
+
+void putFields(SlotWriter& out, const VehicleStatusComponent& record)
+{
+    out.putEach(record.values);
+}
+
+void putFields(SlotWriter& out, const LocationInformationComponent& record)
+{
+    out.putEach(record.values);
+}
+
+void putFields(SlotWriter& out, const USBHostHIDComponent& record)
+{
+    out.put(record.value);
+    out.putEach(record.values);
+}
+
+void putFields(SlotWriter&, const WirelessCarPlayTransportComponent&)
+{
+}
+
+void putFields(SlotWriter& out, const BluetoothHIDComponent& record)
+{
+    out.put(record.value);
+}
+
+void putFields(SlotWriter& out, const RouteGuidanceDisplayComponent& record)
+{
+    for (const CmdSaveUint16Param& value : record.values)
+    {
+        putParam(out, value);
+    }
+}
+
+} // namespace
+
+/** The components in the order of their numbers, and whether they are sent once or in lists. */
+#define KORVANE_FOR_EACH_COMPONENT(X)                                                              \
+    X(UARTTransportComponent, Singleton)                                                           \
+    X(USBDeviceTransportComponent, Singleton)                                                      \
+    X(USBHostTransportComponent, Singleton)                                                        \
+    X(BluetoothTransportComponent, List)                                                           \
+    X(iAP2HIDComponent, List)                                                                      \
+    X(VehicleInformationComponent, Singleton)                                                      \
+    X(VehicleStatusComponent, Singleton)                                                           \
+    X(LocationInformationComponent, Singleton)                                                     \
+    X(USBHostHIDComponent, List)                                                                   \
+    X(WirelessCarPlayTransportComponent, List)                                                     \
+    X(BluetoothHIDComponent, Singleton)                                                            \
+    X(RouteGuidanceDisplayComponent, List)
+
+#define KORVANE_DEFINE_COMPONENT(Component, kind)                                                  \
+    extern "C" void MarshalingFor##Component(Component* record, MarshalIo* mio)                    \
+    {                                                                                              \
+        SlotWriter out(mio);                                                                       \
+        out.put(record->identifier);                                                               \
+        putParam(out, record->name);                                                               \
+        putFields(out, *record);                                                                   \
+    }
+
+KORVANE_FOR_EACH_COMPONENT(KORVANE_DEFINE_COMPONENT)
+
+#undef KORVANE_DEFINE_COMPONENT
+
+namespace
+{
+
+enum class ComponentKind : std::uint8_t
+{
+    Singleton, ///< begins with a presence flag
+    List       ///< begins with the identifier, and is sent in lists too
+};
+
+struct ComponentRow
+{
+    const char* name;
+    std::uint32_t size;
+    ComponentKind kind;
+    void (*marshal)(void* record, MarshalIo* mio);
+};
+
+#define KORVANE_COMPONENT_ROW(Component, kind)                                                     \
+    {#Component, sizeof(Component), ComponentKind::kind, [](void* record, MarshalIo* mio) {        \
+         MarshalingFor##Component(static_cast<Component*>(record), mio);                           \
+     }},
+
+constexpr ComponentRow kComponents[] = {KORVANE_FOR_EACH_COMPONENT(KORVANE_COMPONENT_ROW)};
+
+#undef KORVANE_COMPONENT_ROW
+
+void marshalComponent(const ComponentRow& component, void* record, MarshalIo* mio)
+{
+    if (component.kind == ComponentKind::Singleton)
+    {
+        const std::uint8_t present = *static_cast<const std::uint8_t*>(record);
+        SlotWriter(mio).put(present);
+        if (present != kPresent)
+        {
+            return;
+        }
+    }
+    KORVANE_LOG(IAP2_LOG_DEBUG, "Marshaling %s", component.name);
+    component.marshal(record, mio);
+}
+
+} // namespace
+
+extern "C" {
+void MarshalingByComponentType(void* inData, MarshalIo* mio, uint32_t number)
+{
+    if (mio == nullptr)
+    {
+        KORVANE_LOG(IAP2_LOG_ERROR, "%s Error : %s", "MarshalingByComponentType",
+                    "iAp2Marshal is NULL");
+        return;
+    }
+    if (inData == nullptr)
+    {
+        KORVANE_LOG(IAP2_LOG_ERROR, "%s Error : %s", "MarshalingByComponentType", "inData is NULL");
+        return;
+    }
+    if (number >= std::size(kComponents))
+    {
+        KORVANE_LOG(IAP2_LOG_WARNING, "not defined type !!");
+        return;
+    }
+    marshalComponent(kComponents[number], inData, mio);
+}
+
+void MarshalingByComponentListType(void* inData, MarshalIo* mio, int32_t number)
+{
+    if (mio == nullptr)
+    {
+        KORVANE_LOG(IAP2_LOG_ERROR, "%s Error : %s", "MarshalingByComponentListType",
+                    "iAp2Marshal is NULL");
+        return;
+    }
+    if (inData == nullptr)
+    {
+        KORVANE_LOG(IAP2_LOG_ERROR, "%s Error : %s", "MarshalingByComponentListType",
+                    "inData is NULL");
+        return;
+    }
+    const auto index = static_cast<std::uint32_t>(number); // a negative number is far too large
+    if (index >= std::size(kComponents) || kComponents[index].kind != ComponentKind::List)
+    {
+        KORVANE_LOG(IAP2_LOG_WARNING, "not defined type !!");
+        return;
+    }
+    const auto& list = *static_cast<const ComponentListParam*>(inData);
+    SlotWriter(mio).put(list.count);
+    if (list.components == nullptr)
+    {
+        return;
+    }
+    const ComponentRow& component = kComponents[index];
+    auto* record = static_cast<std::uint8_t*>(list.components);
+    for (std::uint32_t i = 0; i < list.count; ++i, record += component.size)
+    {
+        marshalComponent(component, record, mio);
+    }
+}
+
+} // extern "C"

@@ -1,0 +1,39 @@
+/**
+ * Reporting at the call site.
+ *
+ * The source file and line are part of every trace line, so these are macros and a report stands
+ * where its condition is tested. The level is tested here, before the call, so that a suppressed
+ * report costs a load and a compare, and its arguments are not even evaluated.
+ */
+#ifndef KORVANE_INTERNAL_REPORT_H
+#define KORVANE_INTERNAL_REPORT_H
+
+#include <cerrno>
+
+#include "internal/errnoText.h"
+#include "internal/logLevel.h"
+
+/** Writes one line at `level`; the message is a printf format with its arguments. */
+#define KORVANE_LOG(level, ...)                                                                    \
+    do                                                                                             \
+    {                                                                                              \
+        if (korvane::internal::isLevelPrinted(level))                                              \
+        {                                                                                          \
+            logPrint(level, "IAP2", __FILE__, __LINE__, __VA_ARGS__);                              \
+        }                                                                                          \
+    } while (false)
+
+/** Reports why `function` fails, in the form in which most functions of the library do. */
+#define KORVANE_REPORT_FAILURE(function, reason)                                                   \
+    KORVANE_LOG(IAP2_LOG_ERROR, "%s error : %s", function, reason)
+
+/** Reports that `function` gives up at this line, with errno as it stands, and sets that to 0. */
+#define KORVANE_REPORT_ERRNO_AND_CLEAR(function)                                                   \
+    do                                                                                             \
+    {                                                                                              \
+        KORVANE_LOG(IAP2_LOG_WARNING, "function[%s], line[%d] error[%d][%s]", function, __LINE__,  \
+                    errno, korvane::internal::ErrnoText(errno).text());                            \
+        errno = 0;                                                                                 \
+    } while (false)
+
+#endif

@@ -1,0 +1,24 @@
+# korvane_compiler_options(<target>): how the project's own code is compiled.
+function(korvane_compiler_options target)
+  target_compile_options(
+    ${target}
+    PRIVATE
+      # Source paths in traces are relative to the project, wherever it is built.
+      -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=
+      -Wall
+      -Wextra
+      -Wpedantic
+      -Wconversion
+      -Wshadow
+      -Wformat=2
+      -Wcast-align
+      -Wundef
+      -Wvla
+      $<$<COMPILE_LANGUAGE:CXX>:-Wsign-conversion>
+      $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>
+      $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual>
+      $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast>
+      $<$<COMPILE_LANGUAGE:C>:-Wstrict-prototypes>
+      $<$<CXX_COMPILER_ID:GNU>:-Wlogical-op>
+      $<$<BOOL:${KORVANE_WARNINGS_AS_ERRORS}>:-Werror>)
+endfunction()

@@ -1,0 +1,161 @@
+#!/usr/bin/env python3
+"""Runs the benchmarks and prints, for each row, the work beside its floor and their ratio.
+
+Work and floor run interleaved at random in one process, many times over. What counts is the least
+CPU time of each: whatever else the machine does can only add to it.
+"""
+
+import argparse
+import json
+import os
+import subprocess
+import sys
+from typing import NamedTuple, Optional
+
+
+class Row(NamedTuple):
+    key: str  # the benchmarks are named key/work and key/floor
+    work: str
+    floor: str
+    reach: Optional[float]  # the ratio that is to be reached; None: shown for comparison only
+
+
+EMPTY_CALL = "an empty call into a shared library"
+MESSAGE_ALONE = "ready prefix + vsnprintf of the message"
+SIZES = (16, 64, 256, 1024, 4096, 65536, 1048576)
+
+ROWS = (
+    Row("SuppressedLine.outside", "suppressed line, from outside", EMPTY_CALL, 1.1),
+    Row("SuppressedLine.inside", "suppressed line, inside the library", EMPTY_CALL, 0.3),
+    Row("PrintedLine.text", "printed line, message of texts", MESSAGE_ALONE, 1.6),
+    Row("PrintedLine.numbers", "printed line, message with numbers", MESSAGE_ALONE, 1.6),
+    Row("TwoThreads.text", "message of texts, 2 threads at once", "1 thread", 1.05),
+    Row("TwoThreads.numbers", "message with numbers, 2 threads at once", "1 thread", 1.05),
+    Row("TwoThreads.machine", "vsnprintf alone, 2 threads at once", "1 thread", None),
+    Row("Identification.marshalled", "identification marshalled", "stored by hand", 1.3),
+    Row("Identification.readBack", "identification read back", "read by hand", 2.0),
+) + tuple(
+    Row(f"GuardedAllocation.{size}", f"guarded block of {size} bytes", "malloc + memset + free", 1.15)
+    for size in SIZES
+)
+
+
+class Measured(NamedTuple):
+    nanoseconds: float
+    counters: dict
+
+
+class RunFailed(Exception):
+    pass
+
+
+def run(executable, repetitions, min_time):
+    """Runs a benchmark executable; returns name -> Measured, times and counts per operation."""
+    command = [
+        executable,
+        f"--benchmark_repetitions={repetitions}",
+        f"--benchmark_min_time={min_time}",
+        "--benchmark_enable_random_interleaving=true",
+        "--benchmark_format=json",
+    ]
+    try:
+        result = subprocess.run(command, stdout=subprocess.PIPE, check=True)
+        runs = json.loads(result.stdout)["benchmarks"]
+    except (OSError, subprocess.CalledProcessError, ValueError, KeyError) as failure:
+        raise RunFailed(f"{executable}: {failure}") from failure
+
+    measured = {}
+    for one in runs:
+        if one["run_type"] != "iteration":
+            continue
+        if one.get("error_occurred"):
+            raise RunFailed(f"{one['name']}: {one['error_message']}")
+        if one["time_unit"] != "ns":
+            raise RunFailed(f"{one['name']}: the time is not in nanoseconds")
+        name = one["run_name"].split("/threads:")[0]
+        nanoseconds = one["cpu_time"] / one["operations"]
+        if name not in measured or nanoseconds < measured[name].nanoseconds:
+            measured[name] = Measured(nanoseconds, one)
+    expected = {f"{row.key}/{side}" for row in ROWS for side in ("work", "floor")}
+    if expected != set(measured):
+        differing = ", ".join(sorted(expected ^ set(measured)))
+        raise RunFailed(f"{executable}: benchmarks and report know different rows: {differing}")
+    return measured
+
+
+def verdict(row, ratio):
+    if row.reach is None:
+        return ""
+    return "reached" if ratio <= row.reach else "missed"
+
+
+def count(number):
+    """A count per operation: a whole number, unless operations differ."""
+    return str(round(number)) if abs(number - round(number)) < 0.005 else f"{number:.2f}"
+
+
+def table(times, counts):
+    lines = [("work", "floor", "work ns", "floor ns", "ratio", "reach", "verdict", "bytes", "allocs")]
+    for row in ROWS:
+        work = times[f"{row.key}/work"].nanoseconds
+        floor = times[f"{row.key}/floor"].nanoseconds
+        ratio = work / floor
+        counters = counts[f"{row.key}/work"].counters
+        lines.append((
+            row.work,
+            row.floor,
+            f"{work:.2f}",
+            f"{floor:.2f}",
+            f"{ratio:.2f}",
+            "" if row.reach is None else f"{row.reach:.2f}",
+            verdict(row, ratio),
+            count(counters["bytes"]),
+            count(counters["allocations"]),
+        ))
+    return lines
+
+
+def show(lines):
+    widths = [max(len(line[column]) for line in lines) for column in range(len(lines[0]))]
+    to_left = {0, 1, 6}
+    lines.insert(1, tuple("-" * width for width in widths))
+    for line in lines:
+        cells = (
+            cell.ljust(width) if column in to_left else cell.rjust(width)
+            for column, (cell, width) in enumerate(zip(line, widths))
+        )
+        print("  ".join(cells).rstrip())
+
+
+def main():
+    parser = argparse.ArgumentParser(
+        description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter,
+        epilog="Exit code: 0; 1 with --strict when a row misses its goal; 2 when the run failed.")
+    parser.add_argument("executable", help="korvane_benchmarks")
+    parser.add_argument("--counting", metavar="EXECUTABLE",
+                        help="korvane_benchmarks_counting; by default the one beside the executable")
+    parser.add_argument("--repetitions", type=int, default=30, help="default: %(default)s")
+    parser.add_argument("--min-time", type=float, default=0.04, metavar="SECONDS",
+                        help="of one repetition of one benchmark; default: %(default)s")
+    parser.add_argument("--strict", action="store_true", help="fail when a row misses its goal")
+    options = parser.parse_args()
+    executable = os.path.abspath(options.executable)
+    counting = os.path.abspath(options.counting or executable + "_counting")
+
+    try:
+        counts = run(counting, 1, 0.001)
+        times = run(executable, options.repetitions, options.min_time)
+    except RunFailed as failure:
+        print(f"benchReport: {failure}", file=sys.stderr)
+        return 2
+
+    lines = table(times, counts)
+    missed = sum(line[6] == "missed" for line in lines)
+    show(lines)
+    print(f"\nLeast CPU time of {options.repetitions} repetitions, per operation; bytes and "
+          f"allocations of the work, per operation.\nGoals missed: {missed}")
+    return 1 if options.strict and missed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
