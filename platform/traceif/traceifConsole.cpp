@@ -34,11 +34,10 @@ const char* colourOf(int severity)
     return "\033[2m"; // dim: debug
 }
 
-/** NO_COLOR counts when it is set and not empty (no-color.org). */
+/** Only for a terminal, and never where NO_COLOR is set, be it to nothing. */
 bool wantsColour()
 {
-    const char* const noColour = std::getenv("NO_COLOR");
-    return (noColour == nullptr || *noColour == '\0') && isatty(STDERR_FILENO) == 1;
+    return std::getenv("NO_COLOR") == nullptr && isatty(STDERR_FILENO) == 1;
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #include "TraceRecorder.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
@@ -19,6 +20,7 @@ std::mutex mutex;
 std::vector<Trace> traces;
 std::function<void(const std::string&)> observer;
 int traceResult = 0;
+std::atomic<bool> recording{true};
 
 __attribute__((format(printf, 1, 0))) std::string format(const char* pattern, va_list arguments)
 {
@@ -85,6 +87,11 @@ void onTrace(std::function<void(const std::string& text)> newObserver)
     observer = std::move(newObserver);
 }
 
+void record(bool on)
+{
+    recording = on;
+}
+
 void setTraceResult(int result)
 {
     const std::lock_guard<std::mutex> lock(mutex);
@@ -110,6 +117,10 @@ TraceTest::~TraceTest()
 extern "C" int qn_log_print(const char* path, const char* function, int line, int severity,
                             int size, int flags, const char* pattern, ...)
 {
+    if (!support::recording)
+    {
+        return 0;
+    }
     va_list arguments;
     va_start(arguments, pattern);
     std::string text = support::format(pattern, arguments);

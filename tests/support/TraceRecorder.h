@@ -49,6 +49,9 @@ std::vector<std::string> takeMessages();
 /** Is called, on the tracing thread, for every trace before it is remembered; empty for nobody. */
 void onTrace(std::function<void(const std::string& text)> observer);
 
+/** Whether traces are remembered; while they are not, a trace costs no memory. */
+void record(bool on);
+
 /** What qn_log_print() returns from now on. */
 void setTraceResult(int result);
 

@@ -1,0 +1,246 @@
+/**
+ * The shared library from outside: what a client sees that includes the installed headers, links
+ * libKorvane.so and nothing else.
+ */
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <korvane/iAP2ExtLog.h>
+#include <korvane/iAp2LogUtil.h>
+#include <korvane/iAp2Marshal.h>
+#include <korvane/iAP2Utils.h>
+#include <korvane/utils.h>
+
+#include "AllocationCounter.h"
+#include "cClient.h"
+#include "TraceRecorder.h"
+
+#if !defined(__OPTIMIZE__) || defined(IAP2_MARSHAL_NO_INLINE)
+#error "this file is compiled for the inline forms of the typed operations"
+#endif
+
+namespace
+{
+
+using support::allocationCount;
+using support::takeMessages;
+using support::takeTraces;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class BoundaryTest : public support::TraceTest
+{
+};
+
+/** Lets the recorder forget what it is told, so that only the library's allocations count. */
+class Unrecorded
+{
+public:
+    Unrecorded()
+    {
+        support::record(false);
+    }
+    ~Unrecorded()
+    {
+        support::record(true);
+    }
+    Unrecorded(const Unrecorded&) = delete;
+    Unrecorded& operator=(const Unrecorded&) = delete;
+};
+
+TEST_F(BoundaryTest, LogPrint_WhenTheExecutableHasATraceFunction_CallsThatOne)
+{
+    logPrint(40, "IAP2", "Sources/x.cpp", 5, "n[%d]", 7);
+    EXPECT_THAT(takeMessages(), ElementsAre("I n[7]"));
+}
+
+TEST_F(BoundaryTest, Traces_WhenBuiltAnywhere_NameTheSourceRelativeToTheProject)
+{
+    char text[] = "x";
+    iAP2ExtLog(0, text);
+    EXPECT_EQ(takeTraces().at(0).path, "Sources/LOG/EXTERNEL_LOG/Quilmar/iAP2ExtLog.cpp");
+}
+
+TEST_F(BoundaryTest, AllocationCounter_WhenTheHeapIsUsed_Counts)
+{
+    const std::size_t before = allocationCount();
+    iAP2_free(iAP2_malloc(8));
+    EXPECT_EQ(allocationCount(), before + 1);
+}
+
+TEST_F(BoundaryTest, LogPrint_WhenALineIsPrinted_AllocatesNothing)
+{
+    const Unrecorded unrecorded;
+    const std::string longText(2000, 't');
+    logPrint(90, "IAP2", "a/b", 1, "%s", longText.c_str());
+    const std::size_t before = allocationCount();
+    for (int i = 0; i < 100; ++i)
+    {
+        logPrint(90, "IAP2", "a/b", i, "value[%d] size[%zu] text[%s] %g", i, longText.size(),
+                 longText.c_str(), 0.5);
+        logPrint(20, "IAP2", nullptr, i, "value[%d]", i);
+        getCurrentTimeString();
+    }
+    EXPECT_EQ(allocationCount(), before);
+}
+
+TEST_F(BoundaryTest, LogPrint_WhenALineIsSuppressed_AllocatesNothing)
+{
+    setLogLevel(91);
+    const std::size_t before = allocationCount();
+    logPrint(90, "IAP2", "a/b", 1, "value[%d]", 1);
+    EXPECT_EQ(allocationCount(), before);
+}
+
+TEST_F(BoundaryTest, Marshal_WhenValuesArePutAndTaken_AllocatesNothing)
+{
+    setLogLevel(91);
+    std::vector<std::uint8_t> buffer(1024);
+    char name[] = "name";
+    UARTTransportComponent uart{1, 1, {5, name}, 7};
+    MarshalIo mio{};
+    const std::size_t before = allocationCount();
+    iAp2MarshalInit(&mio, buffer.data(), buffer.size(), IAP2_TXN_PAYLOAD_OFFSET);
+    iAp2MarshalPutUint64(&mio, 1);
+    iAp2MarshalPutBytes(&mio, "bytes", 5);
+    MarshalingByComponentType(&uart, &mio, IAP2_COMPONENT_UART_TRANSPORT);
+    iAp2MarshalPutBytes(&mio, nullptr, 5);
+    iAp2MarshalAlloc(&mio, 100000);
+    iAp2MarshalInitFromTxn(&mio, buffer.data());
+    iAp2MarshalGetUint64(&mio);
+    EXPECT_EQ(allocationCount(), before);
+}
+
+TEST_F(BoundaryTest, LogPrint_WhenThreadsPrintAndReadTheStampAndSetTheLevel_StaysWhole)
+{
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i)
+    {
+        threads.emplace_back(
+            [i]
+            {
+                for (int n = 0; n < 1000; ++n)
+                {
+                    logPrint(90, "IAP2", "a/b", i, "n[%d]", n);
+                    getCurrentTimeString();
+                    setLogLevel(n % 90);
+                }
+            });
+    }
+    for (std::thread& thread : threads)
+    {
+        thread.join();
+    }
+    setLogLevel(0);
+    EXPECT_EQ(takeMessages().size(), 4000U);
+}
+
+/* ---- The inline forms of the typed operations ---- */
+
+template <typename Value>
+void expectInlineForm(void (*put)(MarshalIo*, Value), Value (*get)(MarshalIo*), std::size_t slots)
+{
+    const auto value = static_cast<Value>(0x8182838485868788);
+    for (std::size_t room = 0; room <= 12; ++room)
+    {
+        std::vector<std::uint8_t> buffer(IAP2_TXN_PAYLOAD_OFFSET + room, 0xEE);
+        MarshalIo out{};
+        iAp2MarshalInit(&out, buffer.data(), buffer.size(), IAP2_TXN_PAYLOAD_OFFSET);
+        put(&out, value);
+
+        const bool fits = room >= 4 * slots;
+        std::vector<std::uint8_t> expected(room, 0xEE);
+        if (fits)
+        {
+            std::memcpy(expected.data(), &value, sizeof value);
+        }
+        EXPECT_EQ(std::vector<std::uint8_t>(buffer.begin() + IAP2_TXN_PAYLOAD_OFFSET, buffer.end()),
+                  expected);
+        EXPECT_EQ(out.data - out.data0, static_cast<std::ptrdiff_t>(fits ? 4 * slots : 0));
+        EXPECT_EQ(out.dataAvail, fits ? room - 4 * slots : room);
+        EXPECT_EQ(out.flags, fits ? 0U : 2U);
+
+        const auto length = static_cast<std::uint32_t>(room);
+        std::memcpy(&buffer[IAP2_TXN_LENGTH_OFFSET], &length, sizeof length);
+        MarshalIo in{};
+        iAp2MarshalInitFromTxn(&in, buffer.data());
+        EXPECT_EQ(get(&in), fits ? value : Value{0});
+        EXPECT_EQ(in.data - in.data0, static_cast<std::ptrdiff_t>(fits ? 4 * slots : 0));
+        EXPECT_EQ(in.dataAvail, fits ? room - 4 * slots : 0);
+        EXPECT_EQ(in.flags, fits ? 1U : 3U);
+
+        const std::vector<std::string> messages = takeMessages();
+        if (fits)
+        {
+            EXPECT_THAT(messages, IsEmpty());
+        }
+        else
+        {
+            EXPECT_THAT(messages,
+                        ElementsAre("E ERROR : iAp2MarshalAlloc() overflow size[" +
+                                        std::to_string(4 * slots) + "] dataAvail[" +
+                                        std::to_string(room) + "]",
+                                    "E iAp2MarshalAlloc error : overflow",
+                                    "E ERROR : iAp2MarshalGet() Buffer overflow. dataAvail. mio[0] "
+                                    "size[" +
+                                        std::to_string(4 * slots) + "]",
+                                    "E iAp2MarshalGet error : overflow"));
+        }
+    }
+}
+
+/** Calls inside a lambda, where the compiler sees the inline form; an address is the library's. */
+#define KORVANE_TEST_INLINE_FORM(Name, Type)                                                       \
+    TEST_F(BoundaryTest, InlinePut##Name##AndGet##Name##_WhenRoomVaries_BehaveAsTheLibrary)        \
+    {                                                                                              \
+        expectInlineForm<Type>(                                                                    \
+            [](MarshalIo* mio, Type value) { iAp2MarshalPut##Name(mio, value); },                  \
+            [](MarshalIo* mio) { return iAp2MarshalGet##Name(mio); }, sizeof(Type) == 8 ? 2 : 1);  \
+        expectInlineForm<Type>(&iAp2MarshalPut##Name, &iAp2MarshalGet##Name,                       \
+                               sizeof(Type) == 8 ? 2 : 1);                                         \
+    }
+
+IAP2_MARSHAL_FOR_EACH_TYPE(KORVANE_TEST_INLINE_FORM)
+
+/* ---- Every exported function, from C ---- */
+
+TEST_F(BoundaryTest, CClient_WhenItUsesEveryFunctionOfTheHeaders_SucceedsThroughout)
+{
+    EXPECT_STREQ(runCClient(), "");
+}
+
+TEST_F(BoundaryTest, TextFunctions_WhenCalledFromOutside_FillAndReadRecords)
+{
+    CmdSaveParam mac{};
+    EXPECT_EQ(changeStringToByteArrayForMacAddr(&mac, "001A7DDA7113"), 0);
+    EXPECT_EQ(mac.value[5], 0x13);
+    iAP2_free(mac.value);
+
+    CmdSaveUtf8Param text{};
+    char name[] = "Navi";
+    EXPECT_EQ(reSettingUtf8ParamFromCharValue(&text, name), 0);
+    EXPECT_STREQ(text.value, "Navi");
+
+    std::uint8_t buffer[IAP2_TXN_PAYLOAD_OFFSET + 16] = {};
+    MarshalIo mio{};
+    iAp2MarshalInit(&mio, buffer, sizeof buffer, IAP2_TXN_PAYLOAD_OFFSET);
+    iAp2MarshalPutBytes(&mio, text.value, text.size);
+    const std::uint32_t length = iAp2MarshalGetUsedSize(&mio) - IAP2_TXN_PAYLOAD_OFFSET;
+    std::memcpy(buffer + IAP2_TXN_LENGTH_OFFSET, &length, sizeof length);
+    iAP2_free(text.value);
+
+    CmdSaveUtf8Param received{};
+    iAp2MarshalInitFromTxn(&mio, buffer);
+    EXPECT_EQ(reSettingUtf8ParamForCPP(&received, &mio), 0);
+    EXPECT_STREQ(received.value, "Navi");
+    delete[] received.value;
+}
+
+} // namespace
