@@ -44,6 +44,7 @@ const int installed = __sanitizer_install_malloc_and_free_hooks(countAllocation,
 
 #else
 
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): the C library's are reserved
 // The executable's own functions come before the C library's, for every library in the process.
 extern "C" {
 // The names are the C library's.
@@ -84,5 +85,6 @@ void* aligned_alloc(std::size_t alignment, std::size_t size)
     return __libc_memalign(alignment, size);
 }
 }
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)
 
 #endif

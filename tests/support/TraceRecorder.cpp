@@ -22,7 +22,7 @@ std::function<void(const std::string&)> observer;
 int traceResult = 0;
 std::atomic<bool> recording{true};
 
-__attribute__((format(printf, 1, 0))) std::string format(const char* pattern, va_list arguments)
+__attribute__((format(printf, 1, 0))) std::string formatted(const char* pattern, va_list arguments)
 {
     va_list again;
     va_copy(again, arguments);
@@ -115,15 +115,15 @@ TraceTest::~TraceTest()
 } // namespace support
 
 extern "C" int qn_log_print(const char* path, const char* function, int line, int severity,
-                            int size, int flags, const char* pattern, ...)
+                            int size, int flags, const char* format, ...)
 {
     if (!support::recording)
     {
         return 0;
     }
     va_list arguments;
-    va_start(arguments, pattern);
-    std::string text = support::format(pattern, arguments);
+    va_start(arguments, format);
+    std::string text = support::formatted(format, arguments);
     va_end(arguments);
 
     std::unique_lock<std::mutex> lock(support::mutex);
@@ -135,6 +135,6 @@ extern "C" int qn_log_print(const char* path, const char* function, int line, in
         lock.lock();
     }
     support::traces.push_back(
-        {path, function, line, severity, size, flags, pattern, std::move(text)});
+        {path, function, line, severity, size, flags, format, std::move(text)});
     return support::traceResult;
 }

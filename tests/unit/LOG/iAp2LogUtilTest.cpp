@@ -23,9 +23,7 @@ using support::Hooks;
 using support::ScopedHook;
 using support::takeTraces;
 using support::Trace;
-using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::MatchesRegex;
 
 constexpr std::size_t kLongestLine = 1023;
 

@@ -18,8 +18,6 @@ namespace
 {
 
 using support::takeMessages;
-using testing::AnyOf;
-using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
