@@ -1,9 +1,11 @@
 #include "ChildProcess.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstddef>
 #include <stdexcept>
+#include <string_view>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -43,12 +45,13 @@ void closeOnce(int& fd)
 std::vector<std::string> command()
 {
     std::vector<std::string> words;
-    std::string emulator = IDENTIFICATION_EMULATOR;
+    const char* const emulatorWords = IDENTIFICATION_EMULATOR;
+    std::string_view emulator(emulatorWords);
     while (!emulator.empty())
     {
-        const std::size_t bar = emulator.find('|');
-        words.push_back(emulator.substr(0, bar));
-        emulator.erase(0, bar == std::string::npos ? bar : bar + 1);
+        const std::size_t bar = std::min(emulator.find('|'), emulator.size());
+        words.emplace_back(emulator.substr(0, bar));
+        emulator.remove_prefix(std::min(bar + 1, emulator.size()));
     }
     words.emplace_back(IDENTIFICATION_PROGRAM);
     return words;
@@ -77,12 +80,9 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments, Output out
 
     std::vector<std::string> words = command();
     words.insert(words.end(), arguments.begin(), arguments.end());
-    std::vector<char*> argv;
-    for (std::string& word : words)
-    {
-        argv.push_back(word.data());
-    }
-    argv.push_back(nullptr);
+    std::vector<char*> argv(words.size() + 1, nullptr);
+    std::transform(words.begin(), words.end(), argv.begin(),
+                   [](std::string& word) { return word.data(); });
 
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);

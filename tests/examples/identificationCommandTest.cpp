@@ -670,7 +670,7 @@ TEST_F(IdentificationCommand, Input_WhenNotJson_NamesLineAndColumn)
 
 TEST_F(IdentificationCommand, Input_WhenNotJson_IsRefusedInOneLineWhateverItHolds)
 {
-    const std::string binary("\x7f\x45LF\x02\x01\x01\x00\x00\n\n{}", 14);
+    const std::string binary("\x7f\x45LF\x02\x01\x01\x00\x00\n\n{}", 13);
     for (const std::string& json :
          {binary, std::string("{"), std::string("{\"uart\": {}"), std::string("{} {}"),
           std::string("[1, 2"), std::string("{\"uart\": \"a\nb\"}"), std::string("{'uart': 1}"),

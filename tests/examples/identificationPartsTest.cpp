@@ -67,6 +67,7 @@ Description shipped()
 std::vector<std::string> textsOf(const std::vector<Difference>& differences)
 {
     std::vector<std::string> texts;
+    texts.reserve(differences.size());
     for (const Difference& difference : differences)
     {
         texts.push_back(difference.place + ": " + difference.text);
