@@ -27,6 +27,15 @@ install(FILES "${PROJECT_BINARY_DIR}/package/KorvaneConfig.cmake"
               "${PROJECT_BINARY_DIR}/package/KorvaneConfigVersion.cmake"
         DESTINATION "${KORVANE_CMAKE_DIR}")
 
+# Relative to the file, so that the package can be installed or moved anywhere.
+file(RELATIVE_PATH KORVANE_PC_TO_PREFIX "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig"
+     "${CMAKE_INSTALL_PREFIX}")
+set(KORVANE_PC_TRACEIF "")
+if(KORVANE_TRACEIF_LIBRARY)
+  # So that a client's linker finds what libKorvane.so needs.
+  get_filename_component(traceifFolder "${KORVANE_TRACEIF_LIBRARY}" DIRECTORY)
+  set(KORVANE_PC_TRACEIF "-Wl,-rpath-link,${traceifFolder} ")
+endif()
 configure_file(cmake/korvane.pc.in "${PROJECT_BINARY_DIR}/package/korvane.pc" @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/package/korvane.pc"
         DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")

@@ -8,14 +8,19 @@
 #include <cstring>
 #include <iterator>
 #include <limits>
+#include <type_traits>
 
+#include "internal/inlining.h"
+#include "internal/quietWriter.h"
 #include "internal/recordLayout.h"
 #include "internal/report.h"
 #include "internal/rounding.h"
 #include "internal/slotWriter.h"
 
 using korvane::internal::canRoundUpToSlot;
+using korvane::internal::QuietWriter;
 using korvane::internal::roundUpToSlot;
+using korvane::internal::SlotMeter;
 using korvane::internal::SlotWriter;
 
 /* ---- Cursor ---------------------------------------------------------------------------------- */
@@ -192,10 +197,13 @@ uint32_t iAp2MarshalGetUsedSize(MarshalIo* mio)
 #define KORVANE_LOG_VALUE(out, level, ...)                                                         \
     do                                                                                             \
     {                                                                                              \
-        if (korvane::internal::isLevelPrinted(level))                                              \
+        if constexpr (std::decay_t<decltype(out)>::kTraces)                                        \
         {                                                                                          \
-            (out).commit();                                                                        \
-            logPrint(level, "IAP2", __FILE__, __LINE__, __VA_ARGS__);                              \
+            if (korvane::internal::isLevelPrinted(level))                                          \
+            {                                                                                      \
+                (out).commit();                                                                    \
+                logPrint(level, "IAP2", __FILE__, __LINE__, __VA_ARGS__);                          \
+            }                                                                                      \
         }                                                                                          \
     } while (false)
 
@@ -213,19 +221,23 @@ int shownLength(std::uint32_t size)
 }
 
 /** iAp2MarshalPutBytes() in the middle of a component. */
-void putByteString(SlotWriter& out, const void* bytes, std::uint32_t length)
+template <typename Out>
+KORVANE_ALWAYS_INLINE void putByteString(Out& out, const void* bytes, std::uint32_t length)
 {
-    if (bytes == nullptr)
+    if constexpr (Out::kTraces)
     {
-        out.commit();
-        reportNullBytes();
-        return;
+        if (bytes == nullptr)
+        {
+            out.commit();
+            reportNullBytes();
+            return;
+        }
     }
     out.putBytes(bytes, length);
 }
 
-template <typename Record>
-void putScalarParam(SlotWriter& out, const Record& param, const char* typeName)
+template <typename Out, typename Record>
+KORVANE_ALWAYS_INLINE void putScalarParam(Out& out, const Record& param, const char* typeName)
 {
     out.put(param.present);
     if (param.present == kPresent)
@@ -235,27 +247,36 @@ void putScalarParam(SlotWriter& out, const Record& param, const char* typeName)
     }
 }
 
-void putParam(SlotWriter& out, const CmdSaveBoolParam& param)
+template <typename Record> void putScalarParam(SlotMeter& meter, const Record& param, const char*)
+{
+    meter.put(param.present);
+    meter.put(param.value);
+}
+
+template <typename Out> KORVANE_ALWAYS_INLINE void putParam(Out& out, const CmdSaveBoolParam& param)
 {
     putScalarParam(out, param, "bool");
 }
 
-void putParam(SlotWriter& out, const CmdSaveUint8Param& param)
+template <typename Out>
+KORVANE_ALWAYS_INLINE void putParam(Out& out, const CmdSaveUint8Param& param)
 {
     putScalarParam(out, param, "uint8");
 }
 
-void putParam(SlotWriter& out, const CmdSaveUint16Param& param)
+template <typename Out>
+KORVANE_ALWAYS_INLINE void putParam(Out& out, const CmdSaveUint16Param& param)
 {
     putScalarParam(out, param, "uint16");
 }
 
-void putParam(SlotWriter& out, const CmdSaveUint32Param& param)
+template <typename Out>
+KORVANE_ALWAYS_INLINE void putParam(Out& out, const CmdSaveUint32Param& param)
 {
     putScalarParam(out, param, "uint32");
 }
 
-void putParam(SlotWriter& out, const CmdSaveParam& param)
+template <typename Out> KORVANE_ALWAYS_INLINE void putParam(Out& out, const CmdSaveParam& param)
 {
     out.put(param.present);
     if (param.present == kPresent)
@@ -264,7 +285,7 @@ void putParam(SlotWriter& out, const CmdSaveParam& param)
     }
 }
 
-void putParam(SlotWriter& out, const CmdSaveUtf8Param& param)
+template <typename Out> KORVANE_ALWAYS_INLINE void putParam(Out& out, const CmdSaveUtf8Param& param)
 {
     out.put(param.present);
     if (param.present == kPresent)
@@ -282,7 +303,8 @@ void putParam(SlotWriter& out, const CmdSaveUtf8Param& param)
     }
 }
 
-void putParam(SlotWriter& out, CmdSaveEssentialUtf8Param& param)
+template <typename Out>
+KORVANE_ALWAYS_INLINE void putParam(Out& out, CmdSaveEssentialUtf8Param& param)
 {
     if (param.size != 0 && param.value != nullptr)
     {
@@ -295,6 +317,18 @@ void putParam(SlotWriter& out, CmdSaveEssentialUtf8Param& param)
         param.size = 0;
         out.put(std::uint32_t{0});
     }
+}
+
+void putParam(SlotMeter& meter, const CmdSaveUtf8Param& param)
+{
+    meter.put(param.present);
+    meter.putBytes(param.value, param.size);
+    meter.refuseIf(param.present == kPresent && param.value == nullptr); // has to be reported
+}
+
+void putParam(SlotMeter& meter, CmdSaveEssentialUtf8Param& param)
+{
+    meter.putBytes(param.value, param.size);
 }
 
 template <typename Record> void putParamAt(void* record, MarshalIo* mio)
@@ -350,7 +384,8 @@ bool hasValues(const Uint32ListParam& list)
 }
 
 /** The device transport's rates: traced before they are put, and the record is left alone. */
-void putSampleRates(SlotWriter& out, const Uint32ListParam& rates)
+template <typename Out>
+KORVANE_ALWAYS_INLINE void putSampleRates(Out& out, const Uint32ListParam& rates)
 {
     if (!hasValues(rates))
     {
@@ -367,7 +402,8 @@ void putSampleRates(SlotWriter& out, const Uint32ListParam& rates)
 }
 
 /** The vehicle's lists: traced after they are put, and an empty one is marked in the record. */
-void putVehicleList(SlotWriter& out, Uint32ListParam& list, const char* valueName)
+template <typename Out>
+KORVANE_ALWAYS_INLINE void putVehicleList(Out& out, Uint32ListParam& list, const char* valueName)
 {
     if (!hasValues(list))
     {
@@ -384,36 +420,52 @@ void putVehicleList(SlotWriter& out, Uint32ListParam& list, const char* valueNam
     }
 }
 
+void putSampleRates(SlotMeter& meter, const Uint32ListParam& rates)
+{
+    meter.putNumbers(rates.values, rates.count);
+}
+
+void putVehicleList(SlotMeter& meter, Uint32ListParam& list, const char*)
+{
+    meter.putNumbers(list.values, list.count);
+}
+
 /* What stands behind the identifier and the name of each component. */
 
-void putFields(SlotWriter& out, const UARTTransportComponent& record)
+template <typename Out>
+KORVANE_ALWAYS_INLINE void putFields(Out& out, const UARTTransportComponent& record)
 {
     out.put(record.value);
 }
 
-void putFields(SlotWriter& out, const USBDeviceTransportComponent& record)
+template <typename Out>
+KORVANE_ALWAYS_INLINE void putFields(Out& out, const USBDeviceTransportComponent& record)
 {
     out.put(record.value);
     putSampleRates(out, record.sampleRates);
 }
 
-void putFields(SlotWriter& out, const USBHostTransportComponent& record)
+template <typename Out>
+KORVANE_ALWAYS_INLINE void putFields(Out& out, const USBHostTransportComponent& record)
 {
     out.putEach(record.values);
 }
 
-void putFields(SlotWriter& out, const BluetoothTransportComponent& record)
+template <typename Out>
+KORVANE_ALWAYS_INLINE void putFields(Out& out, const BluetoothTransportComponent& record)
 {
     out.put(record.value);
     out.putBytes(record.macAddress, sizeof record.macAddress);
 }
 
-void putFields(SlotWriter& out, const iAP2HIDComponent& record)
+template <typename Out>
+KORVANE_ALWAYS_INLINE void putFields(Out& out, const iAP2HIDComponent& record)
 {
     out.put(record.value);
 }
 
-void putFields(SlotWriter& out, VehicleInformationComponent& record)
+template <typename Out>
+KORVANE_ALWAYS_INLINE void putFields(Out& out, VehicleInformationComponent& record)
 {
     putVehicleList(out, record.engineTypes, "EngineType");
     putParam(out, record.essentialText);
@@ -428,32 +480,38 @@ void putFields(SlotWriter& out, VehicleInformationComponent& record)
     }
 }
 
-void putFields(SlotWriter& out, const VehicleStatusComponent& record)
+template <typename Out>
+KORVANE_ALWAYS_INLINE void putFields(Out& out, const VehicleStatusComponent& record)
 {
     out.putEach(record.values);
 }
 
-void putFields(SlotWriter& out, const LocationInformationComponent& record)
+template <typename Out>
+KORVANE_ALWAYS_INLINE void putFields(Out& out, const LocationInformationComponent& record)
 {
     out.putEach(record.values);
 }
 
-void putFields(SlotWriter& out, const USBHostHIDComponent& record)
+template <typename Out>
+KORVANE_ALWAYS_INLINE void putFields(Out& out, const USBHostHIDComponent& record)
 {
     out.put(record.value);
     out.putEach(record.values);
 }
 
-void putFields(SlotWriter&, const WirelessCarPlayTransportComponent&)
+template <typename Out>
+KORVANE_ALWAYS_INLINE void putFields(Out&, const WirelessCarPlayTransportComponent&)
 {
 }
 
-void putFields(SlotWriter& out, const BluetoothHIDComponent& record)
+template <typename Out>
+KORVANE_ALWAYS_INLINE void putFields(Out& out, const BluetoothHIDComponent& record)
 {
     out.put(record.value);
 }
 
-void putFields(SlotWriter& out, const RouteGuidanceDisplayComponent& record)
+template <typename Out>
+KORVANE_ALWAYS_INLINE void putFields(Out& out, const RouteGuidanceDisplayComponent& record)
 {
     for (const CmdSaveUint16Param& value : record.values)
     {
@@ -478,13 +536,137 @@ void putFields(SlotWriter& out, const RouteGuidanceDisplayComponent& record)
     X(BluetoothHIDComponent, Singleton)                                                            \
     X(RouteGuidanceDisplayComponent, List)
 
-#define KORVANE_DEFINE_COMPONENT(Component, kind)                                                  \
-    extern "C" void MarshalingFor##Component(Component* record, MarshalIo* mio)                    \
+namespace
+{
+
+/** What every component is made of, without the presence flag of those that have one. */
+template <typename Out, typename Component>
+KORVANE_ALWAYS_INLINE void putBody(Out& out, Component& record)
+{
+    out.put(record.identifier);
+    putParam(out, record.name);
+    putFields(out, record);
+}
+
+enum class ComponentKind : std::uint8_t
+{
+    Singleton, ///< begins with a presence flag
+    List       ///< begins with the identifier, and is sent in lists too
+};
+
+template <typename Component> struct Traits;
+
+#define KORVANE_DEFINE_TRAITS(Component, sending)                                                  \
+    template <> struct Traits<Component>                                                           \
     {                                                                                              \
-        SlotWriter out(mio);                                                                       \
-        out.put(record->identifier);                                                               \
-        putParam(out, record->name);                                                               \
-        putFields(out, *record);                                                                   \
+        static constexpr ComponentKind kind = ComponentKind::sending;                              \
+        static constexpr const char* name = #Component;                                            \
+    };
+
+KORVANE_FOR_EACH_COMPONENT(KORVANE_DEFINE_TRAITS)
+
+#undef KORVANE_DEFINE_TRAITS
+
+/** A component as MarshalingByComponentType() writes it. */
+template <typename Out, typename Component>
+KORVANE_ALWAYS_INLINE void putComponent(Out& out, Component& record)
+{
+    if constexpr (Traits<Component>::kind == ComponentKind::Singleton)
+    {
+        out.put(record.present);
+        if (record.present != kPresent)
+        {
+            return;
+        }
+    }
+    KORVANE_LOG_VALUE(out, IAP2_LOG_DEBUG, "Marshaling %s", Traits<Component>::name);
+    putBody(out, record);
+}
+
+struct WholeComponent
+{
+    template <typename Out, typename Component> void operator()(Out& out, Component& record) const
+    {
+        putComponent(out, record);
+    }
+};
+
+struct BodyAlone
+{
+    template <typename Out, typename Component> void operator()(Out& out, Component& record) const
+    {
+        putBody(out, record);
+    }
+};
+
+/** SlotWriter as functions: whoever checks every slot and traces every value is in no hurry. */
+class CarefulWriter : public SlotWriter
+{
+public:
+    using SlotWriter::SlotWriter;
+
+    template <typename Value> [[gnu::noinline]] void put(Value value)
+    {
+        SlotWriter::put(value);
+    }
+    template <typename Value, std::size_t count>
+    [[gnu::noinline]] void putEach(const Value (&values)[count])
+    {
+        SlotWriter::putEach(values);
+    }
+    [[gnu::noinline]] void putBytes(const void* bytes, std::uint32_t length)
+    {
+        SlotWriter::putBytes(bytes, length);
+    }
+};
+
+/** Writes records with a check of every slot, and traces what is traced. */
+template <typename Put, typename Component>
+[[gnu::cold, gnu::noinline]] void marshalCarefully(Component* records, std::uint32_t count,
+                                                   MarshalIo* mio)
+{
+    CarefulWriter out(mio);
+    for (std::uint32_t i = 0; i < count; ++i)
+    {
+        Put()(out, records[i]);
+    }
+}
+
+/** Writes records without a check of every slot, for as long as they let themselves be written so. */
+template <typename Put, typename Component>
+[[gnu::always_inline, gnu::flatten]] inline void marshal(Component* records, std::uint32_t count,
+                                                         MarshalIo* mio)
+{
+    std::uint8_t* data = mio->data;
+    std::size_t room = mio->dataAvail;
+    const bool isTraced = korvane::internal::isLevelPrinted(IAP2_LOG_INFO);
+    for (std::uint32_t i = 0; i < count; ++i)
+    {
+        SlotMeter meter(data, room);
+        meter.refuseIf(isTraced);
+        meter.refuseIf(meter.reachesIntoRoom(&records[i], sizeof records[i]));
+        Put()(meter, records[i]);
+        if (__builtin_expect(meter.isRefused(), 0))
+        {
+            mio->data = data;
+            mio->dataAvail = room;
+            return marshalCarefully<Put>(records + i, count - i, mio);
+        }
+        QuietWriter out(data);
+        Put()(out, records[i]);
+        room -= static_cast<std::size_t>(out.end() - data);
+        data = out.end();
+    }
+    mio->data = data;
+    mio->dataAvail = room;
+}
+
+} // namespace
+
+#define KORVANE_DEFINE_COMPONENT(Component, kind)                                                  \
+    extern "C" [[gnu::flatten]] void MarshalingFor##Component(Component* record, MarshalIo* mio)   \
+    {                                                                                              \
+        marshal<BodyAlone>(record, 1, mio);                                                        \
     }
 
 KORVANE_FOR_EACH_COMPONENT(KORVANE_DEFINE_COMPONENT)
@@ -494,43 +676,30 @@ KORVANE_FOR_EACH_COMPONENT(KORVANE_DEFINE_COMPONENT)
 namespace
 {
 
-enum class ComponentKind : std::uint8_t
+template <typename Component> [[gnu::flatten]] void marshalOne(void* record, MarshalIo* mio)
 {
-    Singleton, ///< begins with a presence flag
-    List       ///< begins with the identifier, and is sent in lists too
-};
+    marshal<WholeComponent>(static_cast<Component*>(record), 1, mio);
+}
+
+template <typename Component>
+[[gnu::flatten]] void marshalList(void* records, std::uint32_t count, MarshalIo* mio)
+{
+    marshal<WholeComponent>(static_cast<Component*>(records), count, mio);
+}
 
 struct ComponentRow
 {
-    const char* name;
-    std::uint32_t size;
-    ComponentKind kind;
     void (*marshal)(void* record, MarshalIo* mio);
+    void (*marshalList)(void* records, std::uint32_t count, MarshalIo* mio); ///< null: no list kind
 };
 
-#define KORVANE_COMPONENT_ROW(Component, kind)                                                     \
-    {#Component, sizeof(Component), ComponentKind::kind, [](void* record, MarshalIo* mio) {        \
-         MarshalingFor##Component(static_cast<Component*>(record), mio);                           \
-     }},
+#define KORVANE_COMPONENT_ROW(Component, sending)                                                  \
+    {marshalOne<Component>,                                                                        \
+     ComponentKind::sending == ComponentKind::List ? marshalList<Component> : nullptr},
 
 constexpr ComponentRow kComponents[] = {KORVANE_FOR_EACH_COMPONENT(KORVANE_COMPONENT_ROW)};
 
 #undef KORVANE_COMPONENT_ROW
-
-void marshalComponent(const ComponentRow& component, void* record, MarshalIo* mio)
-{
-    if (component.kind == ComponentKind::Singleton)
-    {
-        const std::uint8_t present = *static_cast<const std::uint8_t*>(record);
-        SlotWriter(mio).put(present);
-        if (present != kPresent)
-        {
-            return;
-        }
-    }
-    KORVANE_LOG(IAP2_LOG_DEBUG, "Marshaling %s", component.name);
-    component.marshal(record, mio);
-}
 
 } // namespace
 
@@ -553,7 +722,7 @@ void MarshalingByComponentType(void* inData, MarshalIo* mio, uint32_t number)
         KORVANE_LOG(IAP2_LOG_WARNING, "not defined type !!");
         return;
     }
-    marshalComponent(kComponents[number], inData, mio);
+    kComponents[number].marshal(inData, mio);
 }
 
 void MarshalingByComponentListType(void* inData, MarshalIo* mio, int32_t number)
@@ -571,22 +740,16 @@ void MarshalingByComponentListType(void* inData, MarshalIo* mio, int32_t number)
         return;
     }
     const auto index = static_cast<std::uint32_t>(number); // a negative number is far too large
-    if (index >= std::size(kComponents) || kComponents[index].kind != ComponentKind::List)
+    if (index >= std::size(kComponents) || kComponents[index].marshalList == nullptr)
     {
         KORVANE_LOG(IAP2_LOG_WARNING, "not defined type !!");
         return;
     }
-    const auto& list = *static_cast<const ComponentListParam*>(inData);
+    const ComponentListParam list = *static_cast<const ComponentListParam*>(inData);
     SlotWriter(mio).put(list.count);
-    if (list.components == nullptr)
+    if (list.components != nullptr)
     {
-        return;
-    }
-    const ComponentRow& component = kComponents[index];
-    auto* record = static_cast<std::uint8_t*>(list.components);
-    for (std::uint32_t i = 0; i < list.count; ++i, record += component.size)
-    {
-        marshalComponent(component, record, mio);
+        kComponents[index].marshalList(list.components, list.count, mio);
     }
 }
 

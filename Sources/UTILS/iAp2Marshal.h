@@ -15,8 +15,8 @@
  *
  * Ownership: the caller owns cursor, buffer and records; nothing here allocates or frees.
  * Threads: a cursor and its buffer belong to one thread at a time; no state is shared, nothing
- * blocks. Errors: every failure is one line or two at level 90 and a failure value; no exception
- * leaves a function.
+ * blocks. Errors: every failure is reported at level 90, an undefined type or component at 60; what
+ * returns a value then returns 0 or null. No exception leaves a function.
  */
 #ifndef KORVANE_IAP2MARSHAL_H
 #define KORVANE_IAP2MARSHAL_H
@@ -168,7 +168,7 @@ int64_t iAp2MarshalGetInt64(MarshalIo* mio);
  */
 uint8_t* iAp2MarshalGetBytes(MarshalIo* mio, uint32_t* length);
 
-/** iAp2MarshalGetBytes() with an untyped result; its reports name that function's texts too. */
+/** iAp2MarshalGetBytes() with an untyped result; its reports are the same, names included. */
 void* iAp2MarshalGetVoidPointer(MarshalIo* mio, uint32_t* length);
 
 /**
@@ -272,7 +272,8 @@ typedef struct ComponentListParam
  *
  * Types 1 and 7 to 11 put the presence flag and, if it is 1, the value (types 10 and 11 as a byte
  * string). Type 12 has no flag on the wire; without a text it puts a length of 0 and, on purpose,
- * sets the record's `size` to 0. Every value but bytes is traced at level 20.
+ * sets the record's `size` to 0. Every value but bytes is traced at level 20, a text up to its `size`,
+ * so that it need not be ended.
  *
  * A null `mio` or `pData` ("SimpleMashalingByType error : ...") and an undefined type
  * ("not defined type !!", level 60) write nothing.
@@ -473,43 +474,46 @@ void MarshalingByComponentListType(void* inData, MarshalIo* mio, int32_t number)
     X(Int64, int64_t)
 
 /*
- * In optimised code the typed operations inline to a bounds check and a store or load. What does
- * not fit is left to the library's function of the same name, which reports it; it is declared once
- * more here under another name, since a function cannot call the symbol that it stands for.
- * `gnu_inline` emits no body, so the symbols stay the library's alone. Define
- * IAP2_MARSHAL_NO_INLINE to call the library every time.
+ * In optimised code the operations below inline to a bounds check and a store or load. A function
+ * cannot call the library's function that it stands for, so what does not fit goes to one that has no
+ * inline form and reports the same: reserving the slot fails as putting the value does, and taking a
+ * byte string fails at its length slot as taking a value of one slot does. For 64 bits only another
+ * Get does, so iAp2MarshalGetInt64() is always called.
+ *
+ * `gnu_inline` emits no body: the symbols stay the library's alone. Define IAP2_MARSHAL_NO_INLINE to
+ * call the library every time.
  */
 #if defined(__OPTIMIZE__) && !defined(IAP2_MARSHAL_NO_INLINE)
 
-#define IAP2_MARSHAL_INLINE_PUT_AND_GET(Name, Type)                                                \
-    void iAp2MarshalPut##Name##OutOfLine(MarshalIo* mio,                                           \
-                                         Type value) __asm__("iAp2MarshalPut" #Name);              \
-    Type iAp2MarshalGet##Name##OutOfLine(MarshalIo* mio) __asm__("iAp2MarshalGet" #Name);          \
-                                                                                                   \
-    extern inline __attribute__((gnu_inline, always_inline)) void iAp2MarshalPut##Name(            \
-        MarshalIo* mio, Type value)                                                                \
+#define IAP2_MARSHAL_INLINE extern inline __attribute__((gnu_inline, always_inline))
+
+#define IAP2_MARSHAL_INLINE_PUT(Name, Type)                                                        \
+    IAP2_MARSHAL_INLINE void iAp2MarshalPut##Name(MarshalIo* mio, Type value)                      \
     {                                                                                              \
         uint8_t* const slot = mio->data;                                                           \
         const size_t slotSize = sizeof value > 4U ? 8U : 4U;                                       \
         if (__builtin_expect(mio->dataAvail < slotSize, 0))                                        \
         {                                                                                          \
-            iAp2MarshalPut##Name##OutOfLine(mio, value);                                           \
+            iAp2MarshalAlloc(mio, slotSize);                                                       \
             return;                                                                                \
         }                                                                                          \
         mio->data = slot + slotSize;                                                               \
         mio->dataAvail -= slotSize;                                                                \
         memcpy(slot, &value, sizeof value);                                                        \
-    }                                                                                              \
-                                                                                                   \
-    extern inline __attribute__((gnu_inline, always_inline))                                       \
-    Type iAp2MarshalGet##Name(MarshalIo* mio)                                                      \
+    }
+
+#define IAP2_MARSHAL_INLINE_GET(Name, Type, fail)                                                  \
+    IAP2_MARSHAL_INLINE Type iAp2MarshalGet##Name(MarshalIo* mio)                                  \
     {                                                                                              \
         const uint8_t* const slot = mio->data;                                                     \
+        const size_t slotSize = sizeof(Type) > 4U ? 8U : 4U;                                       \
         Type value;                                                                                \
-        const size_t slotSize = sizeof value > 4U ? 8U : 4U;                                       \
         if (__builtin_expect(mio->dataAvail < slotSize, 0))                                        \
         {                                                                                          \
-            return iAp2MarshalGet##Name##OutOfLine(mio);                                           \
+            uint32_t length;                                                                       \
+            fail;                                                                                  \
+            (void)length;                                                                          \
+            return 0;                                                                              \
         }                                                                                          \
         mio->data += slotSize;                                                                     \
         mio->dataAvail -= slotSize;                                                                \
@@ -517,9 +521,45 @@ void MarshalingByComponentListType(void* inData, MarshalIo* mio, int32_t number)
         return value;                                                                              \
     }
 
-IAP2_MARSHAL_FOR_EACH_TYPE(IAP2_MARSHAL_INLINE_PUT_AND_GET)
+IAP2_MARSHAL_FOR_EACH_TYPE(IAP2_MARSHAL_INLINE_PUT)
+IAP2_MARSHAL_INLINE_GET(Uint8, uint8_t, iAp2MarshalGetVoidPointer(mio, &length))
+IAP2_MARSHAL_INLINE_GET(Uint16, uint16_t, iAp2MarshalGetVoidPointer(mio, &length))
+IAP2_MARSHAL_INLINE_GET(Uint32, uint32_t, iAp2MarshalGetVoidPointer(mio, &length))
+IAP2_MARSHAL_INLINE_GET(Uint64, uint64_t, iAp2MarshalGetInt64(mio))
+IAP2_MARSHAL_INLINE_GET(Int8, int8_t, iAp2MarshalGetVoidPointer(mio, &length))
+IAP2_MARSHAL_INLINE_GET(Int16, int16_t, iAp2MarshalGetVoidPointer(mio, &length))
+IAP2_MARSHAL_INLINE_GET(Int32, int32_t, iAp2MarshalGetVoidPointer(mio, &length))
 
-#undef IAP2_MARSHAL_INLINE_PUT_AND_GET
+/* Whatever is not in order is left to the twin in the library before anything is taken. */
+IAP2_MARSHAL_INLINE uint8_t* iAp2MarshalGetBytes(MarshalIo* mio, uint32_t* length)
+{
+    uint8_t* slot;
+    uint32_t claimed = 0;
+    size_t taken = 0;
+    int fits = mio && length && mio->dataAvail >= 4U;
+    if (fits)
+    {
+        memcpy(&claimed, mio->data, sizeof claimed);
+        taken = claimed;
+        taken = 4U + (taken + 3U) / 4U * 4U;
+        fits = claimed <= 0xFFFFFFFCU && mio->dataAvail >= taken;
+    }
+    if (__builtin_expect(!fits, 0))
+    {
+        void* const bytes = iAp2MarshalGetVoidPointer(mio, length);
+        memcpy(&slot, &bytes, sizeof slot);
+        return slot;
+    }
+    slot = mio->data;
+    *length = claimed;
+    mio->data = slot + taken;
+    mio->dataAvail -= taken;
+    return slot + 4;
+}
+
+#undef IAP2_MARSHAL_INLINE_GET
+#undef IAP2_MARSHAL_INLINE_PUT
+#undef IAP2_MARSHAL_INLINE
 
 #endif
 

@@ -44,32 +44,86 @@ constexpr std::uint32_t kGuardWord = 0x00123456;
 /** Mappings begin at multiples of this, and the first stretch of it is never mapped. */
 constexpr std::uintptr_t kSmallestPage = 4096;
 
-/** True when the header in front of `address` can be looked at; `address` is not null. */
-bool canHaveHeader(std::uintptr_t address)
+/**
+ * True when the header in front of `address` can be looked at without asking further: it shares its
+ * page with the byte that the caller points to.
+ */
+bool isHeaderMapped(std::uintptr_t address)
 {
-    if (address < kSmallestPage || address % alignof(std::max_align_t) != 0)
-    {
-        return false;
-    }
-    const auto* const header = reinterpret_cast<const void*>(address - sizeof(GuardHeader));
+    return address > kSmallestPage && address % alignof(std::max_align_t) == 0 &&
+           address % kSmallestPage != 0;
+}
+
+/**
+ * True when the header in front of `address` is one of ours and whole. What is read may belong to
+ * anybody, so a thread sanitizer would take it for a race or for a use after release.
+ */
+__attribute__((no_sanitize("thread"))) bool isGuarded(std::uintptr_t address)
+{
+    const auto* const header = reinterpret_cast<const GuardHeader*>(address) - 1;
 #ifdef KORVANE_ADDRESS_SANITIZER
     // Poisoned: in front of somebody else's block, or released already.
-    if (__asan_region_is_poisoned(const_cast<void*>(header), sizeof(GuardHeader)) != nullptr)
+    if (__asan_region_is_poisoned(const_cast<GuardHeader*>(header), sizeof *header) != nullptr)
     {
         return false;
     }
 #endif
-    // Everywhere else the header shares its page with the byte that the caller points to.
-    return address % kSmallestPage != 0 || isReadable(header);
+    return header->self == header && header->guardWord == kGuardWord;
 }
 
-/**
- * True when the header is one of ours and whole. What is read may belong to anybody, so a thread
- * sanitizer would take it for a race or for a use after release.
- */
-__attribute__((no_sanitize("thread"))) bool isIntact(const GuardHeader* header)
+/** memset() to 0; what fits four vectors is cleared in place, which costs less than the call. */
+inline void* clear(void* area, std::size_t size)
 {
-    return header->self == header && header->guardWord == kGuardWord;
+    constexpr std::size_t step = 16;
+    auto* const bytes = static_cast<unsigned char*>(area);
+    if (__builtin_expect(size - step > 3 * step, 0)) // wraps below one step
+    {
+        return std::memset(area, 0, size);
+    }
+    // From both ends, overlapping in the middle.
+    std::memset(bytes, 0, step);
+    std::memset(bytes + size - step, 0, step);
+    if (__builtin_expect(size > 2 * step, 1))
+    {
+        std::memset(bytes + step, 0, step);
+        std::memset(bytes + size - 2 * step, 0, step);
+    }
+    return area;
+}
+
+// Out of line, so that the two functions keep nothing for a report that they do not make.
+[[gnu::cold, gnu::noinline]] void* refuseSize()
+{
+    KORVANE_REPORT_FAILURE("iAP2_malloc", "overflow");
+    return nullptr;
+}
+
+[[gnu::cold, gnu::noinline]] void* reportNoMemory()
+{
+    KORVANE_REPORT_FAILURE("iAP2_malloc", "iAP2_malloc Error!!");
+    return nullptr;
+}
+
+/** iAP2_free() for what is not accepted at once. */
+[[gnu::cold, gnu::noinline]] void refuseOrFree(void* pointer)
+{
+    const auto address = reinterpret_cast<std::uintptr_t>(pointer);
+    if (pointer == nullptr)
+    {
+        KORVANE_REPORT_FAILURE("iAP2_free", "malloc data is already NULL");
+        return;
+    }
+    // An intact header in front of the start of a page, which could not be looked at without asking.
+    if (address >= kSmallestPage && address % kSmallestPage == 0)
+    {
+        GuardHeader* const header = static_cast<GuardHeader*>(pointer) - 1;
+        if (isReadable(header) && isGuarded(address))
+        {
+            std::free(header);
+            return;
+        }
+    }
+    KORVANE_REPORT_FAILURE("iAP2_free", "freeAddress is tainted!!");
 }
 
 } // namespace
@@ -79,36 +133,25 @@ void* iAP2_malloc(uint64_t size)
 {
     if (size > std::numeric_limits<std::uint64_t>::max() - sizeof(GuardHeader))
     {
-        KORVANE_REPORT_FAILURE("iAP2_malloc", "overflow");
-        return nullptr;
+        return refuseSize();
     }
     auto* const header = static_cast<GuardHeader*>(std::malloc(size + sizeof(GuardHeader)));
     if (header == nullptr)
     {
-        KORVANE_REPORT_FAILURE("iAP2_malloc", "iAP2_malloc Error!!");
-        return nullptr;
+        return reportNoMemory();
     }
     *header = GuardHeader{header, kGuardWord, 0};
-    return std::memset(header + 1, 0, size);
+    return clear(header + 1, size);
 }
 
 void iAP2_free(void* pointer)
 {
-    if (pointer == nullptr)
+    const auto address = reinterpret_cast<std::uintptr_t>(pointer);
+    if (!isHeaderMapped(address) || !isGuarded(address))
     {
-        KORVANE_REPORT_FAILURE("iAP2_free", "malloc data is already NULL");
-        return;
+        return refuseOrFree(pointer);
     }
-    if (canHaveHeader(reinterpret_cast<std::uintptr_t>(pointer)))
-    {
-        GuardHeader* const header = static_cast<GuardHeader*>(pointer) - 1;
-        if (isIntact(header))
-        {
-            std::free(header);
-            return;
-        }
-    }
-    KORVANE_REPORT_FAILURE("iAP2_free", "freeAddress is tainted!!");
+    std::free(static_cast<GuardHeader*>(pointer) - 1);
 }
 
 } // extern "C"

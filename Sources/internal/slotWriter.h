@@ -23,6 +23,8 @@ namespace korvane::internal
 class SlotWriter
 {
 public:
+    static constexpr bool kTraces = true;
+
     explicit SlotWriter(MarshalIo* mio) : mMio(mio), mData(mio->data), mAvail(mio->dataAvail)
     {
     }

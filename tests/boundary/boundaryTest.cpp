@@ -9,6 +9,8 @@
 #include <thread>
 #include <vector>
 
+#include <pthread.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -25,6 +27,33 @@
 #if !defined(__OPTIMIZE__) || defined(IAP2_MARSHAL_NO_INLINE)
 #error "this file is compiled for the inline forms of the typed operations"
 #endif
+
+namespace
+{
+
+/** How often the library's typed operations were called from this executable. */
+int libraryCalls = 0;
+
+} // namespace
+
+// The executable is linked with --wrap for these, so that its calls to the library come here first.
+// NOLINTBEGIN(bugprone-reserved-identifier): the names are the linker's
+#define KORVANE_TEST_COUNT_CALLS(Name, Type)                                                       \
+    extern "C" void __real_iAp2MarshalPut##Name(MarshalIo* mio, Type value);                       \
+    extern "C" Type __real_iAp2MarshalGet##Name(MarshalIo* mio);                                   \
+    extern "C" void __wrap_iAp2MarshalPut##Name(MarshalIo* mio, Type value)                        \
+    {                                                                                              \
+        ++libraryCalls;                                                                            \
+        __real_iAp2MarshalPut##Name(mio, value);                                                   \
+    }                                                                                              \
+    extern "C" Type __wrap_iAp2MarshalGet##Name(MarshalIo* mio)                                    \
+    {                                                                                              \
+        ++libraryCalls;                                                                            \
+        return __real_iAp2MarshalGet##Name(mio);                                                   \
+    }
+
+IAP2_MARSHAL_FOR_EACH_TYPE(KORVANE_TEST_COUNT_CALLS)
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace
 {
@@ -101,7 +130,7 @@ TEST_F(BoundaryTest, LogPrint_WhenALineIsSuppressed_AllocatesNothing)
 
 TEST_F(BoundaryTest, Marshal_WhenValuesArePutAndTaken_AllocatesNothing)
 {
-    setLogLevel(91);
+    const Unrecorded unrecorded;
     std::vector<std::uint8_t> buffer(1024);
     char name[] = "name";
     UARTTransportComponent uart{1, 1, {5, name}, 7};
@@ -115,6 +144,8 @@ TEST_F(BoundaryTest, Marshal_WhenValuesArePutAndTaken_AllocatesNothing)
     iAp2MarshalAlloc(&mio, 100000);
     iAp2MarshalInitFromTxn(&mio, buffer.data());
     iAp2MarshalGetUint64(&mio);
+    std::uint32_t length = 0;
+    iAp2MarshalGetBytes(&mio, &length);
     EXPECT_EQ(allocationCount(), before);
 }
 
@@ -140,6 +171,53 @@ TEST_F(BoundaryTest, LogPrint_WhenThreadsPrintAndReadTheStampAndSetTheLevel_Stay
     }
     setLogLevel(0);
     EXPECT_EQ(takeMessages().size(), 4000U);
+}
+
+/** Ends a thread inside the trace library, below `print`, and expects that its stack is unwound. */
+void expectCancellable(void (*print)())
+{
+    struct Frame
+    {
+        bool& unwound;
+        ~Frame()
+        {
+            unwound = true;
+        }
+    };
+    struct Work
+    {
+        void (*print)();
+        bool unwound = false;
+    } work{print};
+    support::onTrace(
+        [](const std::string&)
+        {
+            pthread_cancel(pthread_self());
+            pthread_testcancel();
+        });
+    pthread_t thread;
+    ASSERT_EQ(pthread_create(
+                  &thread, nullptr,
+                  [](void* argument) -> void*
+                  {
+                      Work& own = *static_cast<Work*>(argument);
+                      const Frame frame{own.unwound};
+                      own.print();
+                      return nullptr;
+                  },
+                  &work),
+              0);
+    void* result = nullptr;
+    ASSERT_EQ(pthread_join(thread, &result), 0);
+    support::onTrace(nullptr);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+    EXPECT_TRUE(work.unwound);
+}
+
+TEST_F(BoundaryTest, LogPrint_WhenCancelledInTheTraceLibrary_UnwindsTheStack)
+{
+    expectCancellable([] { logPrint(90, "IAP2", "a/b", 1, "n[%d]", 7); });
+    expectCancellable([] { iAP2_free(nullptr); });
 }
 
 /* ---- The inline forms of the typed operations ---- */
@@ -196,13 +274,25 @@ void expectInlineForm(void (*put)(MarshalIo*, Value), Value (*get)(MarshalIo*), 
     }
 }
 
+/**
+ * How many of the library's typed operations serve expectInlineForm(), which puts and takes for 13
+ * sizes of the room. What does not fit is left to operations without a type, but for 64 bits to
+ * iAp2MarshalGetInt64(), which has no inline form.
+ */
+int callsOfTypedOperations(const std::string& name)
+{
+    return name == "Int64" ? 13 : name == "Uint64" ? 8 : 0;
+}
+
 /** Calls inside a lambda, where the compiler sees the inline form; an address is the library's. */
 #define KORVANE_TEST_INLINE_FORM(Name, Type)                                                       \
     TEST_F(BoundaryTest, InlinePut##Name##AndGet##Name##_WhenRoomVaries_BehaveAsTheLibrary)        \
     {                                                                                              \
+        libraryCalls = 0;                                                                          \
         expectInlineForm<Type>(                                                                    \
             [](MarshalIo* mio, Type value) { iAp2MarshalPut##Name(mio, value); },                  \
             [](MarshalIo* mio) { return iAp2MarshalGet##Name(mio); }, sizeof(Type) == 8 ? 2 : 1);  \
+        EXPECT_EQ(libraryCalls, callsOfTypedOperations(#Name));                                    \
         expectInlineForm<Type>(&iAp2MarshalPut##Name, &iAp2MarshalGet##Name,                       \
                                sizeof(Type) == 8 ? 2 : 1);                                         \
     }

@@ -5,6 +5,10 @@ set -euo pipefail
 nm=$1 readelf=$2 library=$3
 shift 3
 status=0
+[ $# -gt 0 ] || { echo "no object of a trace line's code was named" >&2; exit 1; }
+# Taken first, so that a tool that fails ends the test.
+dependencies=$("$readelf" -d "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p')
+symbols=$("$nm" --undefined-only --format=just-symbols "$@" | sed '/:$/d; /^$/d' | sort -u)
 
 # The library depends on the C and C++ runtimes and on the trace library, and on nothing else.
 while read -r needed; do
@@ -12,7 +16,7 @@ while read -r needed; do
         libtraceif.so | libstdc++.so.6 | libgcc_s.so.1 | libc.so.6 | libm.so.6 | ld-linux-*) ;;
         *) echo "the library depends on $needed" >&2; status=1 ;;
     esac
-done < <("$readelf" -d "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p')
+done <<<"$dependencies"
 
 # A trace line takes no lock and no memory: its code calls nothing that could do either.
 while read -r symbol; do
@@ -25,7 +29,7 @@ while read -r symbol; do
         __gxx_personality_v0 | _Unwind_Resume | DW.ref.__gxx_personality_v0) ;;
         *) echo "the code of a trace line calls $symbol" >&2; status=1 ;;
     esac
-done < <("$nm" --undefined-only --format=just-symbols "$@" | sed '/:$/d; /^$/d' | sort -u)
+done <<<"$symbols"
 
 [ $status = 0 ] && echo "nothing is asked for but what is expected"
 exit $status

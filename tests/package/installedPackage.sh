@@ -52,7 +52,6 @@ expect "C++14 by find_package" "0 13" "from C++" "$scratch/client/client_cxx"
 
 # By pkg-config.
 export PKG_CONFIG_PATH=$libdir/pkgconfig
-sed "s|^prefix=.*|prefix=$prefix|" -i "$libdir/pkgconfig/korvane.pc"
 read -ra flags < <(pkg-config --cflags --libs korvane)
 "$cc" -std=c11 -O2 -Wall -Wextra -Wpedantic -Werror "$client/client.c" "${flags[@]}" -o "$scratch/c"
 "$cxx" -std=c++14 -O2 -Wall -Wextra -Wpedantic -Werror "$client/client.cpp" "${flags[@]}" -o "$scratch/cxx"

@@ -24,7 +24,10 @@ std::size_t support::allocationCount()
     KORVANE_HAS_FEATURE(address_sanitizer) || KORVANE_HAS_FEATURE(thread_sanitizer)
 
 // A sanitizer is the heap; it tells of every block.
-#include <sanitizer/allocator_interface.h>
+// Declared here: g++ brings the function but not <sanitizer/allocator_interface.h>.
+extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*onMalloc)(const volatile void*,
+                                                                          std::size_t),
+                                                         void (*onFree)(const volatile void*));
 
 namespace
 {

@@ -37,6 +37,7 @@ void* __real__ZnamRKSt9nothrow_t(std::size_t size, const std::nothrow_t& tag);
 int __real_clock_gettime(clockid_t clock, timespec* now);
 std::size_t __real_strlen(const char* text);
 long __real_strtol(const char* text, char** end, int base);
+int __real_iAp2ExternelLogWirteDirect(int level, char* text, std::size_t length);
 
 void* __wrap_malloc(std::size_t size)
 {
@@ -68,6 +69,12 @@ std::size_t __wrap_strlen(const char* text)
 long __wrap_strtol(const char* text, char** end, int base)
 {
     return call(&support::Hooks::strtol, __real_strtol, text, end, base);
+}
+
+int __wrap_iAp2ExternelLogWirteDirect(int level, char* text, std::size_t length)
+{
+    return call(&support::Hooks::wirteDirect, __real_iAp2ExternelLogWirteDirect, level, text,
+                length);
 }
 // NOLINTEND(bugprone-reserved-identifier)
 }
@@ -102,6 +109,11 @@ int clockGettime(clockid_t clock, timespec* now)
 long strtol(const char* text, char** end, int base)
 {
     return __real_strtol(text, end, base);
+}
+
+int wirteDirect(int level, char* text, std::size_t length)
+{
+    return __real_iAp2ExternelLogWirteDirect(level, text, length);
 }
 
 } // namespace real

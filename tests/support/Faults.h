@@ -24,6 +24,7 @@ struct Hooks
     std::function<int(clockid_t, timespec*)> clockGettime;
     std::function<std::size_t(const char*)> strlen;
     std::function<long(const char*, char**, int)> strtol;
+    std::function<int(int, char*, std::size_t)> wirteDirect;
 };
 
 /** The calling thread's hooks. */
@@ -59,6 +60,7 @@ void* malloc(std::size_t size);
 void free(void* block);
 int clockGettime(clockid_t clock, timespec* now);
 long strtol(const char* text, char** end, int base);
+int wirteDirect(int level, char* text, std::size_t length);
 } // namespace real
 
 } // namespace support

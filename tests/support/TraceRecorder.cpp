@@ -76,6 +76,7 @@ std::vector<std::string> takeMessages()
     for (const Trace& trace : takeTraces())
     {
         const TraceColumns columns = columnsOf(trace.text);
+        EXPECT_EQ(columns.tag, "IAP2") << trace.text;
         messages.push_back(columns.letter + " " + columns.message);
     }
     return messages;

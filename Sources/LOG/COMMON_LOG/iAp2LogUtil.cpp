@@ -1,5 +1,6 @@
 #include <korvane/iAp2LogUtil.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
@@ -14,6 +15,7 @@
 
 #include "internal/logLevel.h"
 #include "internal/report.h"
+#include "internal/shortCopy.h"
 
 extern "C" {
 alignas(64) std::atomic<int> korvaneLogLevel{0};
@@ -30,61 +32,70 @@ constexpr std::size_t kStampLength = sizeof("00:00:00:000") - 1;
 constexpr std::size_t kStampBufferSize = 16;
 
 /**
- * The stamp buffer, and the two words by which it is read and written. A word never tears; a reader
- * may find words of two stamps, which is known of this buffer, and no line is printed from it.
+ * A stamp is handled as two words: it is made in registers, and stored and compared whole. Its first
+ * character lies in the lowest byte.
+ */
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__,
+              "the stamp's characters would be reversed");
+struct Stamp
+{
+    std::uint64_t clock; ///< "hh:mm:ss"
+    std::uint64_t rest;  ///< ":mmm", then zeros
+};
+static_assert(sizeof(Stamp) == kStampBufferSize, "the stamp fills its buffer");
+
+/**
+ * The stamp buffer, read and written by words. A word never tears; a reader may find words of two
+ * stamps, which is known of this buffer, and no line is printed from it.
  */
 alignas(64) char stampBuffer[kStampBufferSize];
 using StampWord = std::uint64_t __attribute__((may_alias));
 
-/** Writes `value` in two digits; values above 99 do not occur. */
-char* putTwoDigits(char* out, unsigned value)
+/** The two digits of a value below 100. */
+constexpr std::uint64_t twoDigits(unsigned value)
 {
-    out[0] = static_cast<char>('0' + value / 10);
-    out[1] = static_cast<char>('0' + value % 10);
-    return out + 2;
+    const unsigned tens = value * 103 >> 10; // value / 10 as far as 178
+    return tens + '0' + ((value - 10 * tens + '0') << 8);
 }
 
 /**
- * Writes the current stamp, zero-filled to the size of the stamp buffer. A failing clock is
- * reported by a line of its own, printed before the line for which the stamp is wanted.
+ * The current stamp. A failing clock is reported by a line of its own, printed before the line for
+ * which the stamp is wanted.
  */
-void formatStamp(char (&stamp)[kStampBufferSize])
+Stamp makeStamp()
 {
-    timespec now{};
-    if (clock_gettime(CLOCK_MONOTONIC, &now) != 0)
+    timespec now;
+    if (__builtin_expect(clock_gettime(CLOCK_MONOTONIC, &now) != 0, 0))
     {
         KORVANE_LOG(IAP2_LOG_ERROR, "Can't get current time");
         now = timespec{};
     }
-    const unsigned secondOfDay = static_cast<unsigned>(now.tv_sec % 86400);
-    const unsigned milliseconds = static_cast<unsigned>(now.tv_nsec / 1000000);
-
-    std::memset(stamp + kStampLength, 0, kStampBufferSize - kStampLength);
-    char* out = putTwoDigits(stamp, secondOfDay / 3600);
-    *out++ = ':';
-    out = putTwoDigits(out, secondOfDay % 3600 / 60);
-    *out++ = ':';
-    out = putTwoDigits(out, secondOfDay % 60);
-    *out++ = ':';
-    *out++ = static_cast<char>('0' + milliseconds / 100);
-    putTwoDigits(out, milliseconds % 100);
+    const auto secondOfDay = static_cast<unsigned>(static_cast<std::uint64_t>(now.tv_sec) % 86400);
+    const unsigned minuteOfDay = secondOfDay / 60;
+    const unsigned hour = minuteOfDay / 60;
+    const unsigned milliseconds = static_cast<unsigned>(now.tv_nsec) / 1000000;
+    const unsigned hundreds = milliseconds / 100;
+    constexpr std::uint64_t colon = ':';
+    return {twoDigits(hour) | colon << 16 | twoDigits(minuteOfDay - hour * 60) << 24 | colon << 40 |
+                twoDigits(secondOfDay - minuteOfDay * 60) << 48,
+            colon | (std::uint64_t{hundreds} + '0') << 8 |
+                twoDigits(milliseconds - hundreds * 100) << 16};
 }
 
 /**
  * Shows `stamp` in the shared buffer. Within one millisecond all threads find it there already and
  * only read, so logging threads do not take the cache line from each other.
  */
-void publishStamp(const char (&stamp)[kStampBufferSize])
+void publishStamp(const Stamp& stamp)
 {
-    auto* shared = reinterpret_cast<StampWord*>(stampBuffer);
-    for (std::size_t i = 0; i < kStampBufferSize / sizeof(StampWord); ++i)
+    auto* const shared = reinterpret_cast<StampWord*>(stampBuffer);
+    if (__atomic_load_n(&shared[0], __ATOMIC_RELAXED) != stamp.clock)
     {
-        StampWord word;
-        std::memcpy(&word, stamp + i * sizeof word, sizeof word);
-        if (__atomic_load_n(&shared[i], __ATOMIC_RELAXED) != word)
-        {
-            __atomic_store_n(&shared[i], word, __ATOMIC_RELAXED);
-        }
+        __atomic_store_n(&shared[0], stamp.clock, __ATOMIC_RELAXED);
+    }
+    if (__atomic_load_n(&shared[1], __ATOMIC_RELAXED) != stamp.rest)
+    {
+        __atomic_store_n(&shared[1], stamp.rest, __ATOMIC_RELAXED);
     }
 }
 
@@ -163,8 +174,62 @@ private:
 
 char* append(char* out, const char* text, std::size_t length)
 {
-    std::memcpy(out, text, length);
+    if (__builtin_expect(length <= korvane::internal::kLongestShortCopy, 1))
+    {
+        korvane::internal::shortCopy(out, text, length);
+    }
+    else
+    {
+        std::memcpy(out, text, length);
+    }
     return out + length;
+}
+
+constexpr unsigned kLargestColumnLine = 99999;
+
+/**
+ * The line column of a number that fits it, and the blank behind it: six characters, the first in the
+ * lowest byte.
+ */
+std::uint64_t lineColumn(unsigned line)
+{
+    constexpr std::uint64_t toBlanks = std::uint64_t{'0' - ' '} * 0x0101010101;
+    const unsigned hundreds = line / 100;
+    const unsigned tenThousands = hundreds / 100;
+    const unsigned blanks =
+        unsigned{line < 10} + unsigned{line < 100} + unsigned{line < 1000} + unsigned{line < 10000};
+    const std::uint64_t digits = (tenThousands + '0') |
+                                 twoDigits(hundreds - tenThousands * 100) << 8 |
+                                 twoDigits(line - hundreds * 100) << 24;
+    const std::uint64_t leading = (std::uint64_t{1} << (8 * blanks)) - 1;
+    return (digits - (toBlanks & leading)) | std::uint64_t{' '} << 40;
+}
+
+/** formatPrefix() where a column is wider than usual, or the line number is negative. */
+[[gnu::cold, gnu::noinline]] std::size_t formatWidePrefix(char (&buffer)[kLineLimit], char letter,
+                                                          const Text& shownTag, const Text& file,
+                                                          int line, const Stamp& stamp)
+{
+    const LineNumber number(line);
+    const std::size_t padding = file.length < kFileColumn ? kFileColumn - file.length : 0;
+    const std::size_t length = sizeof("V   ") - 1 + shownTag.length + padding + file.length +
+                               number.length() + sizeof(' ') + kStampLength + sizeof(' ');
+    if (length <= kLineLimit)
+    {
+        char* out = buffer;
+        *out++ = letter;
+        *out++ = ' ';
+        out = append(out, shownTag.data, shownTag.length);
+        *out++ = ' ';
+        std::memset(out, ' ', padding);
+        out = append(out + padding, file.data, file.length);
+        *out++ = ' ';
+        out = append(out, number.data(), number.length());
+        *out++ = ' ';
+        out = append(out, reinterpret_cast<const char*>(&stamp), kStampLength);
+        *out = ' ';
+    }
+    return length;
 }
 
 /**
@@ -175,8 +240,7 @@ char* append(char* out, const char* text, std::size_t length)
 std::size_t formatPrefix(char (&buffer)[kLineLimit], char letter, const char* tag, const char* path,
                          int line)
 {
-    char stamp[kStampBufferSize];
-    formatStamp(stamp);
+    const Stamp stamp = makeStamp();
     publishStamp(stamp);
 
     const Text shownTag(tag);
@@ -190,32 +254,37 @@ std::size_t formatPrefix(char (&buffer)[kLineLimit], char letter, const char* ta
             *out++ = ' ';
             out = append(out, shownTag.data, shownTag.length);
             *out++ = ' ';
-            out = append(out, stamp, kStampLength);
+            out = append(out, reinterpret_cast<const char*>(&stamp), kStampLength);
             *out = ' ';
         }
         return length;
     }
 
     const Text file(fileNameOf(path));
-    const LineNumber number(line);
-    const std::size_t padding = file.length < kFileColumn ? kFileColumn - file.length : 0;
-    length += padding + file.length + sizeof(' ') + number.length() + sizeof(' ');
-    if (length <= kLineLimit)
+    const unsigned plainLine = static_cast<unsigned>(line);
+    if (__builtin_expect(plainLine > kLargestColumnLine || file.length > kFileColumn ||
+                             shownTag.length > korvane::internal::kLongestShortCopy,
+                         0))
     {
-        char* out = buffer;
-        *out++ = letter;
-        *out++ = ' ';
-        out = append(out, shownTag.data, shownTag.length);
-        *out++ = ' ';
-        std::memset(out, ' ', padding);
-        out = append(out + padding, file.data, file.length);
-        *out++ = ' ';
-        out = append(out, number.data(), number.length());
-        *out++ = ' ';
-        out = append(out, stamp, kStampLength);
-        *out = ' ';
+        return formatWidePrefix(buffer, letter, shownTag, file, line, stamp);
     }
-    return length;
+    char* out = buffer;
+    *out++ = letter;
+    *out++ = ' ';
+    korvane::internal::shortCopy(out, shownTag.data, shownTag.length);
+    out += shownTag.length;
+    *out++ = ' ';
+    std::memset(out, ' ', kFileColumn + 2);
+    out += kFileColumn;
+    korvane::internal::shortCopy(out - file.length, file.data, file.length);
+    ++out;
+    const std::uint64_t number = lineColumn(plainLine);
+    std::memcpy(out, &number, sizeof number);
+    out += kLineColumn + 1;
+    std::memcpy(out, &stamp, kStampBufferSize);
+    out += kStampLength;
+    *out++ = ' ';
+    return static_cast<std::size_t>(out - buffer);
 }
 
 /** logPrint() behind its level test: builds the line and hands it on. */
@@ -231,13 +300,15 @@ __attribute__((format(printf, 5, 0))) void printLine(int level, const char* tag,
     }
     // Ends the line where the columns fill it to the last character (their final blank gives way)
     // and where the message cannot be formatted.
-    buffer[offset < kLineLimit ? offset : kLineLimit - 1] = '\0';
+    const std::size_t last = kLineLimit - 1;
+    buffer[std::min(offset, last)] = '\0';
     if (format != nullptr)
     {
-        std::vsnprintf(buffer + offset, kLineLimit - offset, format, arguments);
+        const int length = std::vsnprintf(buffer + offset, kLineLimit - offset, format, arguments);
+        offset += static_cast<std::size_t>(std::max(length, 0));
     }
-    // Measured, not taken from vsnprintf(): "%c" may have written a zero into the message.
-    iAp2ExternelLogWirteDirect(level, buffer, strnlen(buffer, kLineLimit));
+    // The sink ignores the length, so a zero that "%c" wrote into the message is not looked for.
+    iAp2ExternelLogWirteDirect(level, buffer, std::min(offset, last));
 }
 
 } // namespace
@@ -283,8 +354,7 @@ void setLogLevel(int level)
 
 char* getCurrentTimeString(void)
 {
-    char stamp[kStampBufferSize];
-    formatStamp(stamp);
+    const Stamp stamp = makeStamp();
     publishStamp(stamp);
     return stampBuffer;
 }

@@ -2,8 +2,10 @@
  * Log output: the one way in which every component writes a trace line.
  *
  * A line is built on the caller's stack and handed on the caller's own thread to the platform's
- * trace library (<korvane/iAP2ExtLog.h>). Nothing here takes a lock or allocates memory, nothing
- * has to be initialised, and every function may be called from any thread at any time.
+ * trace library (<korvane/iAP2ExtLog.h>). Nothing here takes a lock, and memory is allocated only
+ * where vsnprintf() does so for the caller's own format (precisions of thousands of digits, many
+ * numbered arguments). Nothing has to be initialised, and every function may be called from any
+ * thread at any time.
  *
  * A full line, left to right, one blank between the columns and no newline at the end:
  *
@@ -41,7 +43,7 @@ enum
  * @param format  a printf format for the message, with its arguments behind it. Null counts as "".
  *
  * The line holds at most 1023 characters; what does not fit is cut without notice.
- * Hazard that callers know of: columns (not the message) of more than 1024 characters in all are
+ * Hazard: columns (not the message) of more than 1024 characters in all are
  * dropped entirely, and the line then consists of the message alone.
  *
  * Blocks only as long as the trace library does. The call is a cancellation point if the trace

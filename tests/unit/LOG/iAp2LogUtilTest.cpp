@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <sys/syscall.h>
@@ -13,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include "Faults.h"
+#include "internal/logLevel.h"
 #include "TraceRecorder.h"
 
 namespace
@@ -26,6 +28,9 @@ using support::Trace;
 using testing::IsEmpty;
 
 constexpr std::size_t kLongestLine = 1023;
+
+/** The level that nobody has set: read before the first test runs. */
+const int levelAtLoad = korvaneLogLevel.load();
 
 /** A monotonic clock that stands still at a chosen time. */
 class FixedClock
@@ -57,6 +62,7 @@ public:
                 {
                     if (times-- > 0)
                     {
+                        *now = {3661, 1000000}; // must not be looked at
                         return -1;
                     }
                     return support::real::clockGettime(clock, now);
@@ -95,6 +101,11 @@ protected:
 };
 
 /* ---- The level filter ---- */
+
+TEST_F(LogTest, CurrentLevel_WhenNobodyHasSetIt_IsZero)
+{
+    EXPECT_EQ(levelAtLoad, 0);
+}
 
 TEST_F(LogTest, LogPrint_WhenLevelIsTheDefault_PrintsEveryNamedLevelButNoneAbove90)
 {
@@ -246,6 +257,9 @@ TEST_F(LogTest, LogPrint_WhenMessageIsEmptyOrFormatNull_EndsBehindTheBlank)
     const FixedClock clock(0, 0);
     logPrint(0, "IAP2", nullptr, 1, "%s", "");
     EXPECT_EQ(onlyText(), "V IAP2 00:00:00:000 ");
+    // Leaves something on the stack that must not show.
+    logPrint(0, "IAP2", nullptr, 1, "%s", std::string(1000, 'm').c_str());
+    takeTraces();
     // Through another type, since a compiler checks the format where it sees one.
     const auto print =
         reinterpret_cast<void (*)(int, const char*, const char*, int, const void*, ...)>(&logPrint);
@@ -365,6 +379,26 @@ TEST_F(LogTest, LogPrint_WhenTheColumnsAreLongerThan1024Characters_PrintsTheMess
     EXPECT_EQ(onlyText(), std::string(kLongestLine, 'm'));
 }
 
+TEST_F(LogTest, LogPrint_WhenALineIsPrinted_PassesItsLevelAndItsLengthOn)
+{
+    const FixedClock clock(0, 0);
+    std::vector<std::pair<int, std::size_t>> calls;
+    const ScopedHook watch(&Hooks::wirteDirect,
+                           [&calls](int level, char* text, std::size_t length)
+                           {
+                               calls.emplace_back(level, length);
+                               return support::real::wirteDirect(level, text, length);
+                           });
+    const std::size_t columns = std::strlen("V IAP2 00:00:00:000 ");
+    logPrint(20, "IAP2", nullptr, 1, "12345");
+    logPrint(90, "IAP2", nullptr, 1, "%s", std::string(kLongestLine - columns, 'm').c_str());
+    logPrint(0, "IAP2", nullptr, 1, "%s", std::string(5000, 'm').c_str());
+    logPrint(0, std::string(2000, 't').c_str(), nullptr, 1, "%s", "");
+    EXPECT_THAT(calls, testing::ElementsAre(std::pair(20, columns + 5), std::pair(90, kLongestLine),
+                                            std::pair(0, kLongestLine), std::pair(0, 0)));
+    EXPECT_EQ(takeTraces().size(), 4U);
+}
+
 /* ---- The stamp ---- */
 
 TEST_F(LogTest, GetCurrentTimeString_WhenTheClockRuns_ShowsHoursMinutesSecondsMilliseconds)
@@ -404,6 +438,34 @@ TEST_F(LogTest, GetCurrentTimeString_WhenCalledTwice_ReturnsTheSameBuffer)
     const FixedClock clock(2, 0);
     EXPECT_EQ(getCurrentTimeString(), first);
     EXPECT_STREQ(first, "00:00:02:000");
+}
+
+TEST_F(LogTest, GetCurrentTimeString_WhenAnotherThreadCalls_ReturnsTheSameBuffer)
+{
+    const char* other = nullptr;
+    std::thread([&other] { other = getCurrentTimeString(); }).join();
+    EXPECT_EQ(other, getCurrentTimeString());
+}
+
+TEST_F(LogTest, LogPrint_WhenTheSharedStampChangesMeanwhile_PrintsItsOwn)
+{
+    const FixedClock clock(3600, 0);
+    {
+        // The columns are measured between the stamp's making and its place in the line.
+        const ScopedHook meanwhile(&Hooks::strlen,
+                                   [](const char* text)
+                                   {
+                                       const FixedClock later(7200, 0);
+                                       getCurrentTimeString();
+                                       return std::strlen(text);
+                                   });
+        logPrint(0, "IAP2", "a/b", 1, "x");
+        logPrint(0, "IAP2", nullptr, 1, "x");
+    }
+    const std::vector<Trace> traces = takeTraces();
+    ASSERT_EQ(traces.size(), 2U);
+    EXPECT_EQ(columnsOf(traces[0].text).stamp, "01:00:00:000");
+    EXPECT_EQ(traces[1].text, "V IAP2 01:00:00:000 x");
 }
 
 TEST_F(LogTest, GetCurrentTimeString_WhenALineIsPrintedLater_ShowsThatLinesStamp)

@@ -18,6 +18,7 @@ namespace
 {
 
 using support::takeMessages;
+using support::takeTraces;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -78,6 +79,10 @@ public:
     {
         return {mBuffer.begin(), mBuffer.begin() + (mio.data - mio.data0)};
     }
+    const std::vector<std::uint8_t>& whole() const
+    {
+        return mBuffer;
+    }
     MarshalIo mio{};
 
 private:
@@ -119,6 +124,22 @@ protected:
         return bytesOf([&](MarshalIo* mio) { MarshalingByComponentListType(&list, mio, number); });
     }
 };
+
+TEST_F(ComponentsTest, Constants_WhenUsedByClients_HaveTheNumbersOfTheWireFormat)
+{
+    EXPECT_THAT(
+        (std::vector<int>{IAP2_PARAM_BOOL, IAP2_PARAM_UINT32, IAP2_PARAM_UINT16, IAP2_PARAM_UINT8,
+                          IAP2_PARAM_BYTES, IAP2_PARAM_UTF8, IAP2_PARAM_ESSENTIAL_UTF8}),
+        ElementsAre(1, 7, 8, 9, 10, 11, 12));
+    EXPECT_THAT(
+        (std::vector<int>{IAP2_COMPONENT_UART_TRANSPORT, IAP2_COMPONENT_USB_DEVICE_TRANSPORT,
+                          IAP2_COMPONENT_USB_HOST_TRANSPORT, IAP2_COMPONENT_BLUETOOTH_TRANSPORT,
+                          IAP2_COMPONENT_IAP2_HID, IAP2_COMPONENT_VEHICLE_INFORMATION,
+                          IAP2_COMPONENT_VEHICLE_STATUS, IAP2_COMPONENT_LOCATION_INFORMATION,
+                          IAP2_COMPONENT_USB_HOST_HID, IAP2_COMPONENT_WIRELESS_CARPLAY_TRANSPORT,
+                          IAP2_COMPONENT_BLUETOOTH_HID, IAP2_COMPONENT_ROUTE_GUIDANCE_DISPLAY}),
+        ElementsAre(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11));
+}
 
 /* ---- Simple parameters ---- */
 
@@ -215,6 +236,11 @@ TEST_F(ComponentsTest, Simple_WhenAPresentValueIsNull_WritesTheFlagAndReportsThe
     CmdSaveUtf8Param text{1, 6, nullptr};
     EXPECT_EQ(simple(&text, IAP2_PARAM_UTF8), Wire().u8(1).get());
     EXPECT_THAT(takeMessages(), ElementsAre("D Utf8Param [(null)]", kBytesAreNull));
+    Out out;
+    std::ptrdiff_t position = -1;
+    support::onTrace([&](const std::string&) { position = out.mio.data - out.mio.data0; });
+    SimpleMashalingByType(&bytes, &out.mio, IAP2_PARAM_BYTES);
+    EXPECT_EQ(position, 4);
 }
 
 TEST_F(ComponentsTest, Simple_WhenPresenceIsNotExactlyOne_WritesTheFlagAlone)
@@ -536,6 +562,130 @@ TEST_F(ComponentsTest, ComponentFunctions_WhenTracesAreSilenced_WriteTheSameByte
     EXPECT_THAT(takeMessages(), IsEmpty());
 }
 
+/** What a call leaves behind: the whole buffer, the cursor, and the record. */
+struct Outcome
+{
+    std::vector<std::uint8_t> buffer;
+    std::ptrdiff_t used;
+    std::size_t room;
+    std::uint32_t flags;
+
+    bool operator==(const Outcome& other) const
+    {
+        return buffer == other.buffer && used == other.used && room == other.room &&
+               flags == other.flags;
+    }
+};
+
+Outcome outcomeOf(std::size_t size, const std::function<void(MarshalIo*)>& marshal)
+{
+    Out out(size);
+    marshal(&out.mio);
+    return {out.whole(), out.mio.data - out.mio.data0, out.mio.dataAvail, out.mio.flags};
+}
+
+/** Silence opens a faster way of writing, which must not show. */
+void expectSameWhenSilent(std::size_t size, const std::function<void(MarshalIo*)>& marshal)
+{
+    setLogLevel(0);
+    const Outcome traced = outcomeOf(size, marshal);
+    setLogLevel(91);
+    EXPECT_EQ(outcomeOf(size, marshal), traced) << size;
+    setLogLevel(41); // failures are still reported
+    EXPECT_EQ(outcomeOf(size, marshal), traced) << size;
+    setLogLevel(0);
+    takeMessages();
+}
+
+TEST_F(ComponentsTest, ComponentFunctions_WhenSilent_WriteTheSameInEveryRoom)
+{
+    Samples samples;
+    for (const Sample& sample : samples.all())
+    {
+        const auto byType = [&](MarshalIo* mio)
+        { MarshalingByComponentType(sample.record, mio, sample.number); };
+        for (std::size_t size = 0; size < sample.body.size() + 12; ++size)
+        {
+            expectSameWhenSilent(size, sample.marshal);
+            expectSameWhenSilent(size, byType);
+        }
+    }
+}
+
+TEST_F(ComponentsTest, ByListType_WhenSilent_WritesTheSameInEveryRoom)
+{
+    Samples samples;
+    RouteGuidanceDisplayComponent displays[] = {samples.route, samples.route, samples.route};
+    displays[1].name = {7, nullptr};
+    BluetoothTransportComponent transports[] = {samples.bluetooth, samples.bluetooth};
+    ComponentListParam displayList{3, displays};
+    ComponentListParam transportList{2, transports};
+    for (std::size_t size = 0; size < 300; ++size)
+    {
+        expectSameWhenSilent(size, [&](MarshalIo* mio)
+                             { MarshalingByComponentListType(&displayList, mio, 11); });
+        expectSameWhenSilent(size, [&](MarshalIo* mio)
+                             { MarshalingByComponentListType(&transportList, mio, 3); });
+    }
+}
+
+TEST_F(ComponentsTest, ComponentFunctions_WhenTextsHaveAnyLength_WriteThemWhole)
+{
+    for (std::size_t length = 0; length < 200; ++length)
+    {
+        std::string name;
+        for (std::size_t i = 0; i < length; ++i)
+        {
+            name += static_cast<char>('a' + i % 26);
+        }
+        WirelessCarPlayTransportComponent wireless{1, essential(name.c_str())};
+        for (const int level : {0, 91})
+        {
+            setLogLevel(level);
+            EXPECT_EQ(bytesOf([&](MarshalIo* mio)
+                              { MarshalingForWirelessCarPlayTransportComponent(&wireless, mio); }),
+                      Wire().u16(1).text(name).get());
+        }
+    }
+}
+
+TEST_F(ComponentsTest, ComponentFunctions_WhenSilentAndAValueIsMissing_ReportIt)
+{
+    setLogLevel(60);
+    Samples samples;
+    samples.vehicle.texts[0].value = nullptr;
+    bytesOf([&](MarshalIo* mio)
+            { MarshalingForVehicleInformationComponent(&samples.vehicle, mio); });
+    EXPECT_THAT(takeMessages(),
+                ElementsAre("E iAp2MarshalPutBytes error : iAp2MarshalPutBytes() bytes is NULL"));
+}
+
+TEST_F(ComponentsTest, ComponentFunctions_WhenTextsLieInTheBuffer_AreWrittenAsThoughSlotBySlot)
+{
+    // A name inside the buffer that is written to: what was written before is read as part of it.
+    for (std::size_t at = 0; at < 40; ++at)
+    {
+        std::vector<std::uint8_t> buffers[2];
+        for (int i = 0; i < 2; ++i)
+        {
+            setLogLevel(i == 0 ? 0 : 91);
+            std::vector<std::uint8_t>& buffer = buffers[i];
+            for (std::uint8_t byte = 0; byte < 64; ++byte)
+            {
+                buffer.push_back(byte);
+            }
+            BluetoothTransportComponent bluetooth{
+                1, {12, reinterpret_cast<char*>(buffer.data() + at)}, 2, {1, 2, 3, 4, 5, 6}};
+            MarshalIo mio{};
+            iAp2MarshalInit(&mio, buffer.data(), buffer.size(), 0);
+            MarshalingForBluetoothTransportComponent(&bluetooth, &mio);
+        }
+        EXPECT_EQ(buffers[0], buffers[1]) << at;
+    }
+    setLogLevel(0);
+    takeTraces();
+}
+
 TEST_F(ComponentsTest, ComponentFunctions_WhenTheNameIsMissing_WriteAnEmptyByteString)
 {
     UARTTransportComponent uart{1, 1, {5, nullptr}, 7};
@@ -749,10 +899,13 @@ TEST_F(ComponentsTest, ByType_WhenTheFlagDoesNotFit_StillWritesTheBody)
     Samples samples;
     Out out(0);
     MarshalingByComponentType(&samples.uart, &out.mio, 0);
-    const std::vector<std::string> messages = takeMessages();
-    ASSERT_GE(messages.size(), 3U);
-    EXPECT_EQ(messages[0], "E ERROR : iAp2MarshalAlloc() overflow size[4] dataAvail[0]");
-    EXPECT_EQ(messages[2], "D Marshaling UARTTransportComponent");
+    const std::string slot = "E ERROR : iAp2MarshalAlloc() overflow size[4] dataAvail[0]";
+    const std::string failed = "E iAp2MarshalAlloc error : overflow";
+    EXPECT_THAT(takeMessages(),
+                ElementsAre(slot, failed, "D Marshaling UARTTransportComponent", slot, failed,
+                            "D EssentialUTF8Param value [uart]", slot, failed,
+                            "E ERROR : iAp2MarshalAlloc() overflow size[8] dataAvail[0]", failed,
+                            slot, failed));
     EXPECT_EQ(out.mio.flags, 2U);
 }
 

@@ -13,6 +13,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <korvane/iAp2LogUtil.h>
+
 #include "Faults.h"
 #include "TraceRecorder.h"
 
@@ -253,6 +255,16 @@ TEST_F(GuardedAllocationTest, Free_WhenPointerIsNull_ReportsItAndReleasesNothing
     iAP2_free(nullptr);
     EXPECT_EQ(released, 0);
     EXPECT_THAT(takeMessages(), ElementsAre("E iAP2_free error : malloc data is already NULL"));
+}
+
+TEST_F(GuardedAllocationTest, Free_WhenTheCurrentLevelIs90Or91_ReportsOrIsSilent)
+{
+    setLogLevel(90);
+    iAP2_free(nullptr);
+    EXPECT_EQ(takeMessages().size(), 1U);
+    setLogLevel(91);
+    iAP2_free(nullptr);
+    EXPECT_THAT(takeMessages(), IsEmpty());
 }
 
 TEST_F(GuardedAllocationTest, Free_WhenTheSelfAddressIsWrong_IsTainted)

@@ -231,7 +231,9 @@ TEST_F(MarshalTest, Alloc_WhenItFails_ReportsFromItsOwnSource)
 {
     Writing out(0);
     iAp2MarshalPutUint8(&out.mio, 1);
-    for (const support::Trace& trace : support::takeTraces())
+    const std::vector<support::Trace> traces = support::takeTraces();
+    ASSERT_EQ(traces.size(), 2U);
+    for (const support::Trace& trace : traces)
     {
         const support::TraceColumns columns = support::columnsOf(trace.text);
         EXPECT_EQ(trace.severity, 192);
@@ -485,6 +487,26 @@ TEST_F(MarshalTest, PutBytes_WhenBytesOverlapTheirSlot_ReadsThemFromTheClearedSl
         EXPECT_EQ(std::vector<std::uint8_t>(bytes.begin() + 4, bytes.begin() + 8), row.expected)
             << row.source;
     }
+}
+
+TEST_F(MarshalTest, PutBytes_WhenTheRoundedLengthNeeds33Bits_IsAnOverflow)
+{
+    Writing out(8);
+    iAp2MarshalPutBytes(&out.mio, "x", 0xFFFFFFFF);
+    EXPECT_EQ(out.used(), 4U);
+    EXPECT_EQ(out.mio.flags, 2U);
+    EXPECT_THAT(takeMessages(), ElementsAre(allocOverflow(0x100000000, 4), kAllocFailed));
+}
+
+TEST_F(MarshalTest, PutAndGet_WhenMoreThan4GiBAreLeft_CountAllOfThem)
+{
+    std::uint8_t buffer[8] = {};
+    MarshalIo mio{buffer, 0, 0x200000002, buffer, 0};
+    iAp2MarshalPutUint32(&mio, 7);
+    EXPECT_EQ(mio.dataAvail, 0x1FFFFFFFEU);
+    mio = {buffer, 0, 0x200000002, buffer, 1};
+    EXPECT_EQ(iAp2MarshalGetUint32(&mio), 7U);
+    EXPECT_EQ(mio.dataAvail, 0x1FFFFFFFEU);
 }
 
 using GetBytesFunction = void* (*)(MarshalIo*, std::uint32_t*);

@@ -105,6 +105,10 @@ TEST_F(MacParameterTest, ChangeString_WhenTextIsShort_TakesTheMissingDigitsAsNon
     EXPECT_EQ(changeStringToByteArrayForMacAddr(&mParam, "a1b"), 0);
     EXPECT_EQ(mParam.present, 1);
     EXPECT_THAT(valueOf(mParam), ElementsAre(0xA1, 0x0B, 0, 0, 0, 0));
+    EXPECT_THAT(takeMessages(),
+                ElementsAre("D MacAddress: [a1b], size : [3]", "D MacAddress: [a1]",
+                            "D MacAddress: [b]", "D MacAddress: [0]", "D MacAddress: [0]",
+                            "D MacAddress: [0]", "D MacAddress: [0]"));
 }
 
 TEST_F(MacParameterTest, ChangeString_WhenTextIsShort_ReadsNothingBehindItsEnd)
@@ -331,6 +335,7 @@ TEST_F(TextParameterTest, ReSetting_WhenTextIsEmpty_StoresOneZeroByte)
 TEST_F(TextParameterTest, ReSetting_WhenTheRecordHasAValue_ReleasesItFirst)
 {
     ASSERT_EQ(reset(&mParam, "first"), 0);
+    mParam.present = 0; // the flag does not decide
     const void* const previous = mParam.value - 16;
     std::vector<std::string> order;
     const ScopedHook allocations(&Hooks::malloc,
