@@ -43,7 +43,7 @@ struct Identification
 void clearIdentification(Identification& identification);
 
 /** Describes a head unit: several entries in every list, absent values, an empty text. */
-void fillIdentification(Identification& identification);
+void fillIdentification(Identification& to);
 
 /**
  * Writes the body at `out` by hand: straight code over the same records, without any check of the
@@ -51,7 +51,7 @@ void fillIdentification(Identification& identification);
  *
  * @return the first byte behind the body.
  */
-std::uint8_t* storeByHand(const Identification& identification, std::uint8_t* out);
+std::uint8_t* storeByHand(const Identification& from, std::uint8_t* out);
 
 /** Reads a transaction record into a cleared `identification` with the Get operations. */
 void readByGet(const std::uint8_t* transaction, Identification& identification);

@@ -224,14 +224,14 @@ int shownLength(std::uint32_t size)
 template <typename Out>
 KORVANE_ALWAYS_INLINE void putByteString(Out& out, const void* bytes, std::uint32_t length)
 {
-    if constexpr (Out::kTraces)
+    if (bytes == nullptr)
     {
-        if (bytes == nullptr)
+        if constexpr (Out::kTraces) // elsewhere SlotMeter has refused it
         {
             out.commit();
             reportNullBytes();
-            return;
         }
+        return;
     }
     out.putBytes(bytes, length);
 }
