@@ -1,5 +1,6 @@
 #include <korvane/iAp2Marshal.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -646,6 +647,51 @@ TEST_F(ComponentsTest, ComponentFunctions_WhenTextsHaveAnyLength_WriteThemWhole)
                               { MarshalingForWirelessCarPlayTransportComponent(&wireless, mio); }),
                       Wire().u16(1).text(name).get());
         }
+    }
+}
+
+TEST_F(ComponentsTest, EveryCall_WhenNamesHaveAnyLength_WritesTheSameSilentAndTraced)
+{
+    Samples samples;
+    std::string name;
+    for (std::size_t length = 0; length < 70; ++length)
+    {
+        name += static_cast<char>('a' + length % 26);
+        for (const Sample& sample : samples.all())
+        {
+            // The name stands at the same place in all records.
+            static_assert(offsetof(UARTTransportComponent, name) ==
+                          offsetof(iAP2HIDComponent, name));
+            auto* const text = reinterpret_cast<CmdSaveEssentialUtf8Param*>(
+                static_cast<char*>(sample.record) + offsetof(iAP2HIDComponent, name));
+            *text = essential(name.c_str());
+            ComponentListParam list{1, sample.record};
+            expectSameWhenSilent(512, sample.marshal);
+            expectSameWhenSilent(512, [&](MarshalIo* mio)
+                                 { MarshalingByComponentType(sample.record, mio, sample.number); });
+            expectSameWhenSilent(512,
+                                 [&](MarshalIo* mio) {
+                                     MarshalingByComponentListType(
+                                         &list, mio, static_cast<std::int32_t>(sample.number));
+                                 });
+        }
+    }
+}
+
+TEST_F(ComponentsTest, VehicleInformation_WhenItsTextsHaveAnyLength_WritesTheSameSilentAndTraced)
+{
+    std::string text;
+    for (std::size_t length = 0; length < 70; ++length)
+    {
+        text += static_cast<char>('a' + length % 26);
+        Samples samples;
+        samples.vehicle.essentialText = essential(text.c_str());
+        samples.vehicle.texts[0] = utf8(1, text.c_str());
+        samples.vehicle.texts[1] = utf8(1, text.c_str() + length / 2);
+        expectSameWhenSilent(1024, [&](MarshalIo* mio)
+                             { MarshalingForVehicleInformationComponent(&samples.vehicle, mio); });
+        expectSameWhenSilent(1024, [&](MarshalIo* mio)
+                             { MarshalingByComponentType(&samples.vehicle, mio, 5); });
     }
 }
 
