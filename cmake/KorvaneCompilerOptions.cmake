@@ -20,5 +20,6 @@ function(korvane_compiler_options target)
       $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast>
       $<$<COMPILE_LANGUAGE:C>:-Wstrict-prototypes>
       $<$<CXX_COMPILER_ID:GNU>:-Wlogical-op>
+      $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
       $<$<BOOL:${KORVANE_WARNINGS_AS_ERRORS}>:-Werror>)
 endfunction()

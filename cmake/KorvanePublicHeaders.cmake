@@ -2,6 +2,11 @@
 set(KORVANE_PUBLIC_HEADERS
     Sources/LOG/COMMON_LOG/iAp2LogUtil.h
     Sources/LOG/EXTERNEL_LOG/Quilmar/iAP2ExtLog.h
+    Sources/UTILS/iAP2ListImpl.h
+    Sources/UTILS/iAP2MsgBoxImpl.h
+    Sources/UTILS/iAP2MsgHandler.h
+    Sources/UTILS/iAP2Mutex.h
+    Sources/UTILS/iAP2Thread.h
     Sources/UTILS/iAP2Utils.h
     Sources/UTILS/iAp2Marshal.h
     Sources/UTILS/utils.h)

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <limits>
 
+#include <sys/prctl.h>
+
 #include "internal/readable.h"
 #include "internal/report.h"
 #include "internal/resultCodes.h"
@@ -302,4 +304,14 @@ std::int32_t reSettingUtf8ParamFromCharValue(CmdSaveUtf8Param* param, char* upda
         iAP2_free(previous);
     }
     return result;
+}
+
+/* ---- Thread name ------------------------------------------------------------------------------ */
+
+void setiAP2ThreadName(const char* name)
+{
+    if (prctl(PR_SET_NAME, name, 0, 0, 0) == -1)
+    {
+        KORVANE_LOG(IAP2_LOG_ERROR, "setiAP2ThreadName Error");
+    }
 }

@@ -1,5 +1,5 @@
 /**
- * Guarded allocation, and the parameter records that are filled from text.
+ * Guarded allocation, the parameter records that are filled from text, and the thread's name.
  *
  * The first section is for C as well. All functions may be called from any thread; a record belongs
  * to one thread at a time. Nothing blocks beyond the system allocator, and no exception leaves a
@@ -93,6 +93,14 @@ int32_t changeStringToByteArrayForMacAddr(CmdSaveParam* param, const char* text)
  * value.
  */
 int32_t reSettingUtf8ParamFromCharValue(CmdSaveUtf8Param* param, char* updateData);
+
+/* ---- Thread name ------------------------------------------------------------------------------ */
+
+/**
+ * Names the calling thread; the kernel cuts the name to 15 characters without notice (prctl(2),
+ * PR_SET_NAME). A failure is reported at level 90 as "setiAP2ThreadName Error".
+ */
+void setiAP2ThreadName(const char* name);
 
 #pragma GCC visibility pop
 

@@ -27,6 +27,11 @@
 #define KORVANE_REPORT_FAILURE(function, reason)                                                   \
     KORVANE_LOG(IAP2_LOG_ERROR, "%s error : %s", function, reason)
 
+/** Reports that a POSIX call failed in `function`; the text is that of errno, whatever it says. */
+#define KORVANE_REPORT_CALL(function, call)                                                        \
+    KORVANE_LOG(IAP2_LOG_ERROR, "%s: " call " fail, %s", function,                                 \
+                korvane::internal::ErrnoText(errno).text())
+
 /** Reports that `function` gives up at this line, with errno as it stands, and sets that to 0. */
 #define KORVANE_REPORT_ERRNO_AND_CLEAR(function)                                                   \
     do                                                                                             \

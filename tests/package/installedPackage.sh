@@ -18,6 +18,11 @@ libdir=$(dirname "$(find "$prefix" -name libKorvane.so)")
 sed -i 's/KorvaneTargets-[a-z]*\.cmake/KorvaneTargets-@CONFIG@.cmake/' "$scratch/files"
 diff -u - "$scratch/files" <<'FILES' || fail "the installed files have changed"
 ./include/korvane/iAP2ExtLog.h
+./include/korvane/iAP2ListImpl.h
+./include/korvane/iAP2MsgBoxImpl.h
+./include/korvane/iAP2MsgHandler.h
+./include/korvane/iAP2Mutex.h
+./include/korvane/iAP2Thread.h
 ./include/korvane/iAP2Utils.h
 ./include/korvane/iAp2LogUtil.h
 ./include/korvane/iAp2Marshal.h

@@ -1,5 +1,6 @@
 #include "Faults.h"
 
+#include <cstdarg>
 #include <new>
 
 namespace
@@ -38,6 +39,28 @@ int __real_clock_gettime(clockid_t clock, timespec* now);
 std::size_t __real_strlen(const char* text);
 long __real_strtol(const char* text, char** end, int base);
 int __real_iAp2ExternelLogWirteDirect(int level, char* text, std::size_t length);
+void* __real__Znwm(std::size_t size);
+int __real_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes);
+int __real_pthread_mutex_destroy(pthread_mutex_t* mutex);
+int __real_pthread_mutex_lock(pthread_mutex_t* mutex);
+int __real_pthread_mutex_trylock(pthread_mutex_t* mutex);
+int __real_pthread_mutex_timedlock(pthread_mutex_t* mutex, const timespec* deadline);
+int __real_pthread_mutex_unlock(pthread_mutex_t* mutex);
+int __real_pthread_cond_init(pthread_cond_t* condition, const pthread_condattr_t* attributes);
+int __real_pthread_cond_destroy(pthread_cond_t* condition);
+int __real_pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex);
+int __real_pthread_cond_signal(pthread_cond_t* condition);
+int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                          void* (*entry)(void*), void* argument);
+int __real_pthread_join(pthread_t thread, void** value);
+int __real_pthread_detach(pthread_t thread);
+int __real_pthread_cancel(pthread_t thread);
+int __real_pthread_setname_np(pthread_t thread, const char* name);
+int __real_pthread_getschedparam(pthread_t thread, int* policy, sched_param* parameters);
+int __real_pthread_setschedparam(pthread_t thread, int policy, const sched_param* parameters);
+int __real_usleep(useconds_t microseconds);
+int __real_prctl(int option, ...);
+[[noreturn]] void __real_exit(int status);
 
 void* __wrap_malloc(std::size_t size)
 {
@@ -75,6 +98,122 @@ int __wrap_iAp2ExternelLogWirteDirect(int level, char* text, std::size_t length)
 {
     return call(&support::Hooks::wirteDirect, __real_iAp2ExternelLogWirteDirect, level, text,
                 length);
+}
+
+void* __wrap__Znwm(std::size_t size)
+{
+    return call(&support::Hooks::operatorNew, __real__Znwm, size);
+}
+
+int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes)
+{
+    return call(&support::Hooks::mutexInit, __real_pthread_mutex_init, mutex, attributes);
+}
+
+int __wrap_pthread_mutex_destroy(pthread_mutex_t* mutex)
+{
+    return call(&support::Hooks::mutexDestroy, __real_pthread_mutex_destroy, mutex);
+}
+
+int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex)
+{
+    return call(&support::Hooks::mutexLock, __real_pthread_mutex_lock, mutex);
+}
+
+int __wrap_pthread_mutex_trylock(pthread_mutex_t* mutex)
+{
+    return call(&support::Hooks::mutexTrylock, __real_pthread_mutex_trylock, mutex);
+}
+
+int __wrap_pthread_mutex_timedlock(pthread_mutex_t* mutex, const timespec* deadline)
+{
+    return call(&support::Hooks::mutexTimedlock, __real_pthread_mutex_timedlock, mutex, deadline);
+}
+
+int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex)
+{
+    return call(&support::Hooks::mutexUnlock, __real_pthread_mutex_unlock, mutex);
+}
+
+int __wrap_pthread_cond_init(pthread_cond_t* condition, const pthread_condattr_t* attributes)
+{
+    return call(&support::Hooks::condInit, __real_pthread_cond_init, condition, attributes);
+}
+
+int __wrap_pthread_cond_destroy(pthread_cond_t* condition)
+{
+    return call(&support::Hooks::condDestroy, __real_pthread_cond_destroy, condition);
+}
+
+int __wrap_pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex)
+{
+    return call(&support::Hooks::condWait, __real_pthread_cond_wait, condition, mutex);
+}
+
+int __wrap_pthread_cond_signal(pthread_cond_t* condition)
+{
+    return call(&support::Hooks::condSignal, __real_pthread_cond_signal, condition);
+}
+
+int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                          void* (*entry)(void*), void* argument)
+{
+    return call(&support::Hooks::threadCreate, __real_pthread_create, thread, attributes, entry,
+                argument);
+}
+
+int __wrap_pthread_join(pthread_t thread, void** value)
+{
+    return call(&support::Hooks::threadJoin, __real_pthread_join, thread, value);
+}
+
+int __wrap_pthread_detach(pthread_t thread)
+{
+    return call(&support::Hooks::threadDetach, __real_pthread_detach, thread);
+}
+
+int __wrap_pthread_cancel(pthread_t thread)
+{
+    return call(&support::Hooks::threadCancel, __real_pthread_cancel, thread);
+}
+
+int __wrap_pthread_setname_np(pthread_t thread, const char* name)
+{
+    return call(&support::Hooks::threadSetname, __real_pthread_setname_np, thread, name);
+}
+
+int __wrap_pthread_getschedparam(pthread_t thread, int* policy, sched_param* parameters)
+{
+    return call(&support::Hooks::threadGetschedparam, __real_pthread_getschedparam, thread, policy,
+                parameters);
+}
+
+int __wrap_pthread_setschedparam(pthread_t thread, int policy, const sched_param* parameters)
+{
+    return call(&support::Hooks::threadSetschedparam, __real_pthread_setschedparam, thread, policy,
+                parameters);
+}
+
+int __wrap_usleep(useconds_t microseconds)
+{
+    return call(&support::Hooks::usleep, __real_usleep, microseconds);
+}
+
+int __wrap_prctl(int option, ...)
+{
+    // The one that the library calls takes one argument that matters.
+    va_list arguments;
+    va_start(arguments, option);
+    const void* const argument = va_arg(arguments, const void*);
+    va_end(arguments);
+    return call(&support::Hooks::prctl, support::real::prctl, option, argument);
+}
+
+[[noreturn]] void __wrap_exit(int status)
+{
+    // Nobody who calls exit() expects it to return.
+    call(&support::Hooks::exit, __real_exit, status);
+    __real_exit(status);
 }
 // NOLINTEND(bugprone-reserved-identifier)
 }
@@ -114,6 +253,107 @@ long strtol(const char* text, char** end, int base)
 int wirteDirect(int level, char* text, std::size_t length)
 {
     return __real_iAp2ExternelLogWirteDirect(level, text, length);
+}
+
+void* operatorNew(std::size_t size)
+{
+    return __real__Znwm(size);
+}
+
+int mutexInit(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes)
+{
+    return __real_pthread_mutex_init(mutex, attributes);
+}
+
+int mutexDestroy(pthread_mutex_t* mutex)
+{
+    return __real_pthread_mutex_destroy(mutex);
+}
+
+int mutexLock(pthread_mutex_t* mutex)
+{
+    return __real_pthread_mutex_lock(mutex);
+}
+
+int mutexTrylock(pthread_mutex_t* mutex)
+{
+    return __real_pthread_mutex_trylock(mutex);
+}
+
+int mutexTimedlock(pthread_mutex_t* mutex, const timespec* deadline)
+{
+    return __real_pthread_mutex_timedlock(mutex, deadline);
+}
+
+int mutexUnlock(pthread_mutex_t* mutex)
+{
+    return __real_pthread_mutex_unlock(mutex);
+}
+
+int condInit(pthread_cond_t* condition, const pthread_condattr_t* attributes)
+{
+    return __real_pthread_cond_init(condition, attributes);
+}
+
+int condDestroy(pthread_cond_t* condition)
+{
+    return __real_pthread_cond_destroy(condition);
+}
+
+int condWait(pthread_cond_t* condition, pthread_mutex_t* mutex)
+{
+    return __real_pthread_cond_wait(condition, mutex);
+}
+
+int condSignal(pthread_cond_t* condition)
+{
+    return __real_pthread_cond_signal(condition);
+}
+
+int threadCreate(pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*),
+                 void* argument)
+{
+    return __real_pthread_create(thread, attributes, entry, argument);
+}
+
+int threadJoin(pthread_t thread, void** value)
+{
+    return __real_pthread_join(thread, value);
+}
+
+int threadDetach(pthread_t thread)
+{
+    return __real_pthread_detach(thread);
+}
+
+int threadCancel(pthread_t thread)
+{
+    return __real_pthread_cancel(thread);
+}
+
+int threadSetname(pthread_t thread, const char* name)
+{
+    return __real_pthread_setname_np(thread, name);
+}
+
+int threadGetschedparam(pthread_t thread, int* policy, sched_param* parameters)
+{
+    return __real_pthread_getschedparam(thread, policy, parameters);
+}
+
+int threadSetschedparam(pthread_t thread, int policy, const sched_param* parameters)
+{
+    return __real_pthread_setschedparam(thread, policy, parameters);
+}
+
+int usleep(useconds_t microseconds)
+{
+    return __real_usleep(microseconds);
+}
+
+int prctl(int option, const void* argument)
+{
+    return __real_prctl(option, argument, nullptr, nullptr, nullptr);
 }
 
 } // namespace real

@@ -124,18 +124,20 @@ extern "C" int qn_log_print(const char* path, const char* function, int line, in
     }
     va_list arguments;
     va_start(arguments, format);
-    std::string text = support::formatted(format, arguments);
+    const std::string text = support::formatted(format, arguments);
     va_end(arguments);
 
-    std::unique_lock<std::mutex> lock(support::mutex);
-    const auto observer = support::observer;
+    std::function<void(const std::string&)> observer;
+    int result = 0;
+    {
+        const std::lock_guard<std::mutex> lock(support::mutex);
+        support::traces.push_back({path, function, line, severity, size, flags, format, text});
+        observer = support::observer;
+        result = support::traceResult;
+    }
     if (observer)
     {
-        lock.unlock();
         observer(text);
-        lock.lock();
     }
-    support::traces.push_back(
-        {path, function, line, severity, size, flags, format, std::move(text)});
-    return support::traceResult;
+    return result;
 }

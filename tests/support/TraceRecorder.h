@@ -46,7 +46,7 @@ std::vector<Trace> takeTraces();
 /** takeTraces(), each as its letter, a blank and the whole message: "E iAP2_free error : ...". */
 std::vector<std::string> takeMessages();
 
-/** Is called, on the tracing thread, for every trace before it is remembered; empty for nobody. */
+/** Is called, on the tracing thread, for every trace once it is remembered; empty for nobody. */
 void onTrace(std::function<void(const std::string& text)> observer);
 
 /** Whether traces are remembered; while they are not, a trace costs no memory. */
