@@ -88,6 +88,31 @@ void onTrace(std::function<void(const std::string& text)> newObserver)
     observer = std::move(newObserver);
 }
 
+LineCounter::LineCounter(std::string part)
+{
+    onTrace(
+        [this, part = std::move(part)](const std::string& text)
+        {
+            if (text.find(part) != std::string::npos)
+            {
+                const std::lock_guard<std::mutex> lock(mMutex);
+                ++mCount;
+                mCounted.notify_all();
+            }
+        });
+}
+
+LineCounter::~LineCounter()
+{
+    onTrace(nullptr);
+}
+
+void LineCounter::waitFor(int count)
+{
+    std::unique_lock<std::mutex> lock(mMutex);
+    mCounted.wait(lock, [&] { return mCount >= count; });
+}
+
 void record(bool on)
 {
     recording = on;

@@ -4,7 +4,9 @@
 #ifndef KORVANE_TESTS_TRACERECORDER_H
 #define KORVANE_TESTS_TRACERECORDER_H
 
+#include <condition_variable>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -48,6 +50,23 @@ std::vector<std::string> takeMessages();
 
 /** Is called, on the tracing thread, for every trace once it is remembered; empty for nobody. */
 void onTrace(std::function<void(const std::string& text)> observer);
+
+/** Counts the lines that hold a given text, on whatever thread, and waits for them. Uses onTrace(). */
+class LineCounter
+{
+public:
+    explicit LineCounter(std::string part);
+    ~LineCounter();
+    LineCounter(const LineCounter&) = delete;
+    LineCounter& operator=(const LineCounter&) = delete;
+
+    void waitFor(int count);
+
+private:
+    std::mutex mMutex;
+    std::condition_variable mCounted;
+    int mCount = 0;
+};
 
 /** Whether traces are remembered; while they are not, a trace costs no memory. */
 void record(bool on);

@@ -42,6 +42,7 @@ namespace
 {
 
 using support::Hooks;
+using support::LineCounter;
 using support::ScopedHook;
 using support::takeMessages;
 using testing::ElementsAre;
@@ -206,42 +207,6 @@ int waitWhileAnotherPosts(Box& box, std::int32_t id, pthread_mutex_t* mutex)
         .join();
     return pthread_mutex_lock(mutex);
 }
-
-/** Counts lines with a given text, and waits for them. */
-class LineCounter
-{
-public:
-    explicit LineCounter(std::string part)
-    {
-        support::onTrace(
-            [this, part = std::move(part)](const std::string& text)
-            {
-                if (text.find(part) != std::string::npos)
-                {
-                    const std::lock_guard<std::mutex> lock(mMutex);
-                    ++mCount;
-                    mCounted.notify_all();
-                }
-            });
-    }
-    ~LineCounter()
-    {
-        support::onTrace(nullptr);
-    }
-    LineCounter(const LineCounter&) = delete;
-    LineCounter& operator=(const LineCounter&) = delete;
-
-    void waitFor(int count)
-    {
-        std::unique_lock<std::mutex> lock(mMutex);
-        mCounted.wait(lock, [&] { return mCount >= count; });
-    }
-
-private:
-    std::mutex mMutex;
-    std::condition_variable mCounted;
-    int mCount = 0;
-};
 
 /** What the box does with one mutex, in terms that hold for each of its operations. */
 struct Operation

@@ -49,6 +49,7 @@ namespace
 {
 
 using support::Hooks;
+using support::LineCounter;
 using support::ScopedHook;
 using support::takeMessages;
 using testing::AllOf;
@@ -75,42 +76,6 @@ iAP2MsgData event(std::int32_t id)
 {
     return {id, 0, 0, 0, nullptr, nullptr, nullptr};
 }
-
-/** Counts the lines with a given text, and waits for them. */
-class LineCounter
-{
-public:
-    explicit LineCounter(std::string part)
-    {
-        support::onTrace(
-            [this, part = std::move(part)](const std::string& text)
-            {
-                if (text.find(part) != std::string::npos)
-                {
-                    const std::lock_guard<std::mutex> lock(mMutex);
-                    ++mCount;
-                    mCounted.notify_all();
-                }
-            });
-    }
-    ~LineCounter()
-    {
-        support::onTrace(nullptr);
-    }
-    LineCounter(const LineCounter&) = delete;
-    LineCounter& operator=(const LineCounter&) = delete;
-
-    void waitFor(int count)
-    {
-        std::unique_lock<std::mutex> lock(mMutex);
-        mCounted.wait(lock, [&] { return mCount >= count; });
-    }
-
-private:
-    std::mutex mMutex;
-    std::condition_variable mCounted;
-    int mCount = 0;
-};
 
 /** The wait for the finish ends at once, as if woken spuriously. */
 ScopedHook<decltype(Hooks::condWait)> wakeAtOnce()
