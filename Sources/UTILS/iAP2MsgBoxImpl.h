@@ -30,10 +30,17 @@
 
 #pragma GCC visibility push(default)
 
+#define IAP2_MSGBOX_HIDDEN __attribute__((visibility("hidden")))
 #define IAP2_MSGBOX_LOG(level, ...)                                                                \
     logPrint(level, "IAP2", "Sources/UTILS/iAP2MsgBoxImpl.h", __LINE__, __VA_ARGS__)
 #define IAP2_MSGBOX_REPORT(operation, call)                                                        \
     IAP2_MSGBOX_LOG(IAP2_LOG_ERROR, "%s: " call " fail, %s", operation, ErrnoText().text)
+
+/** A POSIX mutex that clang's thread safety analysis knows as a lock. */
+struct IAP2_CAPABILITY("mutex") iAP2MsgBoxMutex
+{
+    pthread_mutex_t posix;
+};
 
 /*
  * What boxes of all record types share: the POSIX calls with their reports. Hidden, so that every
@@ -72,9 +79,9 @@ inline void signal(pthread_cond_t& condition, const char* operation)
     }
 }
 
-inline void initMutex(pthread_mutex_t& mutex)
+inline void initMutex(iAP2MsgBoxMutex& mutex)
 {
-    if (pthread_mutex_init(&mutex, nullptr) != 0)
+    if (pthread_mutex_init(&mutex.posix, nullptr) != 0)
     {
         IAP2_MSGBOX_REPORT("iAP2MsgBoxImpl", "pthread_mutex_init");
         std::abort();
@@ -88,9 +95,9 @@ inline void initCondition(pthread_cond_t& condition)
         std::abort();
     }
 }
-inline void destroyMutex(pthread_mutex_t& mutex)
+inline void destroyMutex(iAP2MsgBoxMutex& mutex)
 {
-    if (pthread_mutex_destroy(&mutex) != 0)
+    if (pthread_mutex_destroy(&mutex.posix) != 0)
     {
         IAP2_MSGBOX_REPORT("~iAP2MsgBoxImpl", "pthread_mutex_destroy");
     }
@@ -104,15 +111,16 @@ inline void destroyCondition(pthread_cond_t& condition)
 }
 
 /** One of the box's mutexes, from here to unlock(); a thread that is cancelled lets it go. */
-class Lock
+class IAP2_SCOPED_CAPABILITY Lock
 {
 public:
-    Lock(pthread_mutex_t& mutex, const char* operation) : mMutex(mutex), mOperation(operation)
+    Lock(iAP2MsgBoxMutex& mutex, const char* operation) IAP2_ACQUIRE(mutex)
+        : mMutex(mutex), mOperation(operation)
     {
         timespec deadline;
         clock_gettime(CLOCK_REALTIME, &deadline);
         deadline.tv_sec += kDeadlockSeconds;
-        const int result = pthread_mutex_timedlock(&mMutex, &deadline);
+        const int result = pthread_mutex_timedlock(&mMutex.posix, &deadline);
         if (result == ETIMEDOUT)
         {
             IAP2_MSGBOX_LOG(IAP2_LOG_ERROR, "pthread_mutex_timedlock timeout");
@@ -123,20 +131,20 @@ public:
             IAP2_MSGBOX_REPORT(mOperation, "pthread_mutex_lock");
         }
     }
-    ~Lock()
+    ~Lock() IAP2_RELEASE()
     {
         if (mIsHeld)
         {
-            pthread_mutex_unlock(&mMutex);
+            pthread_mutex_unlock(&mMutex.posix);
         }
     }
     Lock(const Lock&) = delete;
     Lock& operator=(const Lock&) = delete;
 
-    int unlock()
+    int unlock() IAP2_RELEASE()
     {
         mIsHeld = false;
-        const int result = pthread_mutex_unlock(&mMutex);
+        const int result = pthread_mutex_unlock(&mMutex.posix);
         if (result != 0)
         {
             IAP2_MSGBOX_REPORT(mOperation, "pthread_mutex_unlock");
@@ -146,14 +154,14 @@ public:
 
     void wait(pthread_cond_t& condition)
     {
-        if (pthread_cond_wait(&condition, &mMutex) != 0)
+        if (pthread_cond_wait(&condition, &mMutex.posix) != 0)
         {
             IAP2_MSGBOX_REPORT(mOperation, "pthread_cond_wait");
         }
     }
 
 private:
-    pthread_mutex_t& mMutex;
+    iAP2MsgBoxMutex& mMutex;
     const char* mOperation;
     bool mIsHeld = true;
 };
@@ -291,91 +299,17 @@ private:
 template <typename T> class iAP2MsgBox<T>::iAP2MsgBoxImpl
 {
 public:
-    explicit iAP2MsgBoxImpl(std::uint32_t capacity)
-        : m_msgList(new iAP2List<T>), m_syncMsgList(new iAP2List<T>), m_maxSize(capacity)
-    {
-        iAP2MsgBoxCalls::initMutex(m_mutex);
-        iAP2MsgBoxCalls::initMutex(m_mutexSync);
-        iAP2MsgBoxCalls::initCondition(m_cond);
-        iAP2MsgBoxCalls::initCondition(m_condSync);
-    }
-
-    virtual ~iAP2MsgBoxImpl()
-    {
-        delete m_msgList;
-        m_msgList = nullptr;
-        delete m_syncMsgList;
-        m_syncMsgList = nullptr;
-        iAP2MsgBoxCalls::destroyMutex(m_mutex);
-        iAP2MsgBoxCalls::destroyMutex(m_mutexSync);
-        iAP2MsgBoxCalls::destroyCondition(m_cond);
-        iAP2MsgBoxCalls::destroyCondition(m_condSync);
-    }
-
+    explicit iAP2MsgBoxImpl(std::uint32_t capacity);
+    virtual ~iAP2MsgBoxImpl();
     iAP2MsgBoxImpl(const iAP2MsgBoxImpl&) = delete;
     iAP2MsgBoxImpl& operator=(const iAP2MsgBoxImpl&) = delete;
 
-    int sendMessage(T* data)
-    {
-        Wake wake(m_cond);
-        return post(data, wake) ? kRecordSize : -1;
-    }
-
-    int sendMessageSync(T* data)
-    {
-        return postSync(data, nullptr);
-    }
-
-    int sendMessageSyncAnnounced(T* announcement, T* data)
-    {
-        Wake wake(m_cond);
-        wake.hold();
-        post(announcement, wake);
-        return postSync(data, &wake);
-    }
-
-    int receiveMessage(T* out)
-    {
-        const char* const operation = "receiveMessage";
-        for (;;)
-        {
-            Lock lock(m_mutex, operation);
-            if (!m_msgList->isEmpty())
-            {
-                m_msgList->dequeue(out);
-                lock.unlock();
-                return kRecordSize;
-            }
-            IAP2_MSGBOX_LOG(IAP2_LOG_DEBUG, "%s: m_cond[%p] Waiting ... next Message ", operation,
-                            static_cast<void*>(&m_cond));
-            lock.wait(m_cond);
-            // Released and taken again, so that each pass has a deadline of its own.
-            lock.unlock();
-        }
-    }
-
-    int receiveMessageSync(T* out)
-    {
-        int result = 0;
-        Lock lock(m_mutexSync, "receiveMessageSync");
-        if (!m_syncMsgList->isEmpty())
-        {
-            m_syncMsgList->dequeue(out);
-            result = kRecordSize;
-        }
-        lock.unlock();
-        return result;
-    }
-
-    int sendSyncFinishMessage()
-    {
-        const char* const operation = "sendSyncFinishMessage";
-        Lock lock(m_mutexSync, operation);
-        IAP2_MSGBOX_LOG(IAP2_LOG_DEBUG, "%s: m_condSync[%p] signal send!!", operation,
-                        static_cast<void*>(&m_condSync));
-        iAP2MsgBoxCalls::signal(m_condSync, operation);
-        return lock.unlock();
-    }
+    int sendMessage(T* data);
+    int sendMessageSync(T* data);
+    int sendMessageSyncAnnounced(T* announcement, T* data);
+    int receiveMessage(T* out);
+    int receiveMessageSync(T* out);
+    int sendSyncFinishMessage();
 
 private:
     using Lock = iAP2MsgBoxCalls::Lock;
@@ -386,70 +320,163 @@ private:
         kRecordSize = sizeof(T)
     };
 
-    /** Appends a copy of `*data`, and drops the oldest record of a full list; false if refused. */
-    bool append(iAP2List<T>& list, T* data, const char* operation)
-    {
-        if (list.size() == m_maxSize)
-        {
-            IAP2_MSGBOX_LOG(IAP2_LOG_ERROR, "%s: queue full, max_size_%d, delete oldest", operation,
-                            static_cast<int>(m_maxSize));
-            T oldest{};
-            list.dequeue(&oldest);
-        }
-        if (list.enqueue(data) != 0)
-        {
-            IAP2_MSGBOX_LOG(IAP2_LOG_ERROR, "%s: enqueue fail", operation);
-            return false;
-        }
-        return true;
-    }
+    /** Appends a copy of `*data`, and drops a full list's oldest record; false if refused. */
+    IAP2_MSGBOX_HIDDEN bool appendLocked(iAP2List<T>& list, T* data, const char* operation);
+    IAP2_MSGBOX_HIDDEN bool post(T* data, Wake& wake);
+    IAP2_MSGBOX_HIDDEN int postSync(T* data, Wake* announced);
 
-    bool post(T* data, Wake& wake)
-    {
-        const char* const operation = "sendMessage";
-        Lock lock(m_mutex, operation);
-        const bool posted = append(*m_msgList, data, operation);
-        if (posted)
-        {
-            IAP2_MSGBOX_LOG(IAP2_LOG_DEBUG, "%s: m_cond[%p] signal send new message!!", operation,
-                            static_cast<void*>(&m_cond));
-            wake.posted();
-        }
-        lock.unlock();
-        return posted;
-    }
-
-    int postSync(T* data, Wake* announced)
-    {
-        const char* const operation = "sendMessageSync";
-        Lock lock(m_mutexSync, operation);
-        if (!append(*m_syncMsgList, data, operation))
-        {
-            lock.unlock();
-            return -1;
-        }
-        if (announced != nullptr)
-        {
-            announced->release();
-        }
-        IAP2_MSGBOX_LOG(IAP2_LOG_DEBUG, "%s: m_condSync[%p] Waiting...", operation,
-                        static_cast<void*>(&m_condSync));
-        lock.wait(m_condSync);
-        lock.unlock();
-        return kRecordSize;
-    }
-
-    iAP2List<T>* m_msgList;     // under m_mutex
-    iAP2List<T>* m_syncMsgList; // under m_mutexSync
-    pthread_mutex_t m_mutex;
-    pthread_mutex_t m_mutexSync;
+    iAP2List<T>* m_msgList IAP2_PT_GUARDED_BY(m_mutex);
+    iAP2List<T>* m_syncMsgList IAP2_PT_GUARDED_BY(m_mutexSync);
+    iAP2MsgBoxMutex m_mutex;
+    iAP2MsgBoxMutex m_mutexSync;
     pthread_cond_t m_cond;     // with m_mutex: an asynchronous record was added
     pthread_cond_t m_condSync; // with m_mutexSync: a synchronous record was handled
     std::uint32_t m_maxSize;
 };
 
+// Outside of the class and not inline, so that who uses the library's instance takes in no copy.
+
+template <typename T>
+iAP2MsgBox<T>::iAP2MsgBoxImpl::iAP2MsgBoxImpl(std::uint32_t capacity)
+    : m_msgList(new iAP2List<T>), m_syncMsgList(new iAP2List<T>), m_maxSize(capacity)
+{
+    iAP2MsgBoxCalls::initMutex(m_mutex);
+    iAP2MsgBoxCalls::initMutex(m_mutexSync);
+    iAP2MsgBoxCalls::initCondition(m_cond);
+    iAP2MsgBoxCalls::initCondition(m_condSync);
+}
+
+template <typename T> iAP2MsgBox<T>::iAP2MsgBoxImpl::~iAP2MsgBoxImpl()
+{
+    delete m_msgList;
+    m_msgList = nullptr;
+    delete m_syncMsgList;
+    m_syncMsgList = nullptr;
+    iAP2MsgBoxCalls::destroyMutex(m_mutex);
+    iAP2MsgBoxCalls::destroyMutex(m_mutexSync);
+    iAP2MsgBoxCalls::destroyCondition(m_cond);
+    iAP2MsgBoxCalls::destroyCondition(m_condSync);
+}
+
+template <typename T> int iAP2MsgBox<T>::iAP2MsgBoxImpl::sendMessage(T* data)
+{
+    Wake wake(m_cond);
+    return post(data, wake) ? kRecordSize : -1;
+}
+
+template <typename T> int iAP2MsgBox<T>::iAP2MsgBoxImpl::sendMessageSync(T* data)
+{
+    return postSync(data, nullptr);
+}
+
+template <typename T>
+int iAP2MsgBox<T>::iAP2MsgBoxImpl::sendMessageSyncAnnounced(T* announcement, T* data)
+{
+    Wake wake(m_cond);
+    wake.hold();
+    post(announcement, wake);
+    return postSync(data, &wake);
+}
+
+template <typename T> int iAP2MsgBox<T>::iAP2MsgBoxImpl::receiveMessage(T* out)
+{
+    const char* const operation = "receiveMessage";
+    for (;;)
+    {
+        Lock lock(m_mutex, operation);
+        if (!m_msgList->isEmpty())
+        {
+            m_msgList->dequeue(out);
+            lock.unlock();
+            return kRecordSize;
+        }
+        IAP2_MSGBOX_LOG(IAP2_LOG_DEBUG, "%s: m_cond[%p] Waiting ... next Message ", operation,
+                        static_cast<void*>(&m_cond));
+        lock.wait(m_cond);
+        // Released and taken again, so that each pass has a deadline of its own.
+        lock.unlock();
+    }
+}
+
+template <typename T> int iAP2MsgBox<T>::iAP2MsgBoxImpl::receiveMessageSync(T* out)
+{
+    int result = 0;
+    Lock lock(m_mutexSync, "receiveMessageSync");
+    if (!m_syncMsgList->isEmpty())
+    {
+        m_syncMsgList->dequeue(out);
+        result = kRecordSize;
+    }
+    lock.unlock();
+    return result;
+}
+
+template <typename T> int iAP2MsgBox<T>::iAP2MsgBoxImpl::sendSyncFinishMessage()
+{
+    const char* const operation = "sendSyncFinishMessage";
+    Lock lock(m_mutexSync, operation);
+    IAP2_MSGBOX_LOG(IAP2_LOG_DEBUG, "%s: m_condSync[%p] signal send!!", operation,
+                    static_cast<void*>(&m_condSync));
+    iAP2MsgBoxCalls::signal(m_condSync, operation);
+    return lock.unlock();
+}
+
+template <typename T>
+bool iAP2MsgBox<T>::iAP2MsgBoxImpl::appendLocked(iAP2List<T>& list, T* data, const char* operation)
+{
+    if (list.size() == m_maxSize)
+    {
+        IAP2_MSGBOX_LOG(IAP2_LOG_ERROR, "%s: queue full, max_size_%d, delete oldest", operation,
+                        static_cast<int>(m_maxSize));
+        T oldest{};
+        list.dequeue(&oldest);
+    }
+    if (list.enqueue(data) != 0)
+    {
+        IAP2_MSGBOX_LOG(IAP2_LOG_ERROR, "%s: enqueue fail", operation);
+        return false;
+    }
+    return true;
+}
+
+template <typename T> bool iAP2MsgBox<T>::iAP2MsgBoxImpl::post(T* data, Wake& wake)
+{
+    const char* const operation = "sendMessage";
+    Lock lock(m_mutex, operation);
+    const bool posted = appendLocked(*m_msgList, data, operation);
+    if (posted)
+    {
+        IAP2_MSGBOX_LOG(IAP2_LOG_DEBUG, "%s: m_cond[%p] signal send new message!!", operation,
+                        static_cast<void*>(&m_cond));
+        wake.posted();
+    }
+    lock.unlock();
+    return posted;
+}
+
+template <typename T> int iAP2MsgBox<T>::iAP2MsgBoxImpl::postSync(T* data, Wake* announced)
+{
+    const char* const operation = "sendMessageSync";
+    Lock lock(m_mutexSync, operation);
+    if (!appendLocked(*m_syncMsgList, data, operation))
+    {
+        lock.unlock();
+        return -1;
+    }
+    if (announced != nullptr)
+    {
+        announced->release();
+    }
+    IAP2_MSGBOX_LOG(IAP2_LOG_DEBUG, "%s: m_condSync[%p] Waiting...", operation,
+                    static_cast<void*>(&m_condSync));
+    lock.wait(m_condSync);
+    lock.unlock();
+    return kRecordSize;
+}
+
 #undef IAP2_MSGBOX_REPORT
 #undef IAP2_MSGBOX_LOG
+#undef IAP2_MSGBOX_HIDDEN
 
 // The library has this one; nobody else needs to.
 extern template class iAP2MsgBox<iAP2MsgData>;

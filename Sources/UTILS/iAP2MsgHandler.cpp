@@ -62,7 +62,7 @@ iAP2MsgHandler::~iAP2MsgHandler()
         KORVANE_LOG(IAP2_LOG_ERROR, "result : %d", result);
     }
     stop();
-    const std::lock_guard<std::mutex> lock(mEventTableMutex);
+    const TableLock lock(mEventTableMutex);
     for (const EventTable& entry : mEventTableVector)
     {
         delete entry.mDelegate;
@@ -72,14 +72,14 @@ iAP2MsgHandler::~iAP2MsgHandler()
 void iAP2MsgHandler::registerEventTable(std::uint32_t id, std::string name,
                                         IAP2Delegate<void, iAP2MsgData*>* delegate)
 {
-    const std::lock_guard<std::mutex> lock(mEventTableMutex);
+    const TableLock lock(mEventTableMutex);
     mEventTableVector.emplace_back(id, std::move(name), delegate);
 }
 
 // NOLINTNEXTLINE(performance-unnecessary-value-param): the signature is the interface
 void iAP2MsgHandler::registerEventTable(EventTable entry)
 {
-    const std::lock_guard<std::mutex> lock(mEventTableMutex);
+    const TableLock lock(mEventTableMutex);
     mEventTableVector.push_back(entry); // a copy, not a move: it is traced as one
 }
 
@@ -184,7 +184,7 @@ void iAP2MsgHandler::recvMsgSync(iAP2MsgData* out)
 template <typename Call>
 void iAP2MsgHandler::dispatch(const iAP2MsgData& data, const char* caller, Call call)
 {
-    const std::lock_guard<std::mutex> lock(mEventTableMutex);
+    const TableLock lock(mEventTableMutex);
     for (std::uint32_t i = 0; i < mEventTableVector.size(); ++i)
     {
         if (mEventTableVector[i].mEvtID == static_cast<std::uint32_t>(data.evtID))
@@ -206,7 +206,7 @@ void iAP2MsgHandler::exeMsg(iAP2MsgData* data)
     {
         std::size_t entries = 0;
         {
-            const std::lock_guard<std::mutex> lock(mEventTableMutex);
+            const TableLock lock(mEventTableMutex);
             entries = mEventTableVector.size();
         }
         KORVANE_LOG(IAP2_LOG_INFO, "inIAP2Data->evtID : %d, mEventTableVector.size() : %zu",
@@ -220,14 +220,18 @@ void iAP2MsgHandler::exeMsgSync(iAP2MsgData* data)
     dispatch(*data, "exeMsgSync", [&](std::uint32_t index) { callEventHandlerSync(index, data); });
 }
 
-void iAP2MsgHandler::callEventHandler(std::uint32_t index, iAP2MsgData* data)
+// These two take no lock and cannot ask for one either: who calls them from outside has none.
+
+void iAP2MsgHandler::callEventHandler(std::uint32_t index,
+                                      iAP2MsgData* data) IAP2_NO_THREAD_SAFETY_ANALYSIS
 {
     EventTable& entry = mEventTableVector.at(index);
     KORVANE_LOG(IAP2_LOG_DEBUG, "callEventHandler: (%s) ", entry.mEvtName.c_str());
     entry.mDelegate->mImpl->invoke(data);
 }
 
-int iAP2MsgHandler::callEventHandlerSync(std::uint32_t index, iAP2MsgData* data)
+int iAP2MsgHandler::callEventHandlerSync(std::uint32_t index,
+                                         iAP2MsgData* data) IAP2_NO_THREAD_SAFETY_ANALYSIS
 {
     EventTable& entry = mEventTableVector.at(index);
     KORVANE_LOG(IAP2_LOG_DEBUG, "callEventHandlerSync: (%s) ", entry.mEvtName.c_str());

@@ -280,11 +280,29 @@ public:
     void run() override;
 
 private:
+    /** std::mutex, and a lock for a scope, as clang's thread safety analysis knows them. */
+    class IAP2_CAPABILITY("mutex") TableMutex : public std::mutex
+    {
+    };
+    class IAP2_SCOPED_CAPABILITY TableLock
+    {
+    public:
+        explicit TableLock(TableMutex& mutex) IAP2_ACQUIRE(mutex) : mLock(mutex)
+        {
+        }
+        ~TableLock() IAP2_RELEASE()
+        {
+        }
+
+    private:
+        std::lock_guard<std::mutex> mLock;
+    };
+
     template <typename Call> void dispatch(const iAP2MsgData& data, const char* caller, Call call);
 
     iAP2MsgBox<iAP2MsgData> miAP2MsgBox;
-    std::deque<EventTable> mEventTableVector; ///< under mEventTableMutex
-    std::mutex mEventTableMutex;              ///< held while a delegate runs
+    std::deque<EventTable> mEventTableVector IAP2_GUARDED_BY(mEventTableMutex);
+    TableMutex mEventTableMutex; ///< held while a delegate runs
 };
 
 #pragma GCC visibility pop

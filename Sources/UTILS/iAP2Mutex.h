@@ -23,6 +23,7 @@
 #define IAP2_CAPABILITY(name) IAP2_THREAD_ANNOTATION(capability(name))
 #define IAP2_SCOPED_CAPABILITY IAP2_THREAD_ANNOTATION(scoped_lockable)
 #define IAP2_GUARDED_BY(lock) IAP2_THREAD_ANNOTATION(guarded_by(lock))
+#define IAP2_PT_GUARDED_BY(lock) IAP2_THREAD_ANNOTATION(pt_guarded_by(lock))
 #define IAP2_REQUIRES(lock) IAP2_THREAD_ANNOTATION(requires_capability(lock))
 #define IAP2_EXCLUDES(lock) IAP2_THREAD_ANNOTATION(locks_excluded(lock))
 #define IAP2_ACQUIRE(...) IAP2_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))

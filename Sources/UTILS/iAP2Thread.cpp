@@ -7,31 +7,16 @@
 #include <pthread.h>
 #include <sched.h>
 
+#include "internal/posixLock.h"
 #include "internal/report.h"
+
+using korvane::internal::PosixMutex;
+using korvane::internal::ScopedPosixLock;
 
 namespace
 {
 
 constexpr char kNoName[] = "iAP2.noname";
-
-/** A POSIX mutex for as long as this object lives, also when the thread is cancelled meanwhile. */
-class ScopedPthreadLock
-{
-public:
-    explicit ScopedPthreadLock(pthread_mutex_t& mutex) : mMutex(mutex)
-    {
-        pthread_mutex_lock(&mMutex);
-    }
-    ~ScopedPthreadLock()
-    {
-        pthread_mutex_unlock(&mMutex);
-    }
-    ScopedPthreadLock(const ScopedPthreadLock&) = delete;
-    ScopedPthreadLock& operator=(const ScopedPthreadLock&) = delete;
-
-private:
-    pthread_mutex_t& mMutex;
-};
 
 } // namespace
 
@@ -41,7 +26,7 @@ class iAP2Thread::iAP2ThreadImpl
 public:
     iAP2ThreadImpl()
     {
-        pthread_mutex_init(&mStateMutex, nullptr);
+        pthread_mutex_init(&mStateMutex.posix, nullptr);
     }
 
     virtual ~iAP2ThreadImpl()
@@ -49,7 +34,7 @@ public:
         handle = 0;
         setStop(true);
         isJoinable = false;
-        pthread_mutex_destroy(&mStateMutex);
+        pthread_mutex_destroy(&mStateMutex.posix);
     }
 
     iAP2ThreadImpl(const iAP2ThreadImpl&) = delete;
@@ -60,13 +45,13 @@ public:
 
     void setStop(bool stop)
     {
-        const ScopedPthreadLock lock(mStateMutex);
+        const ScopedPosixLock lock(mStateMutex);
         mStop = stop;
     }
 
     bool stop()
     {
-        const ScopedPthreadLock lock(mStateMutex);
+        const ScopedPosixLock lock(mStateMutex);
         return mStop;
     }
 
@@ -87,13 +72,13 @@ public:
     std::string name;
 
 private:
-    bool mStop = true; // guarded by mStateMutex
+    bool mStop IAP2_GUARDED_BY(mStateMutex) = true;
 
 public:
     bool isJoinable = false;
 
 private:
-    pthread_mutex_t mStateMutex;
+    PosixMutex mStateMutex;
 };
 
 void* iAP2Thread::iAP2ThreadImpl::srun(void* arg)

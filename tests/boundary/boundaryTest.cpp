@@ -17,6 +17,7 @@
 #include <korvane/iAP2ExtLog.h>
 #include <korvane/iAp2LogUtil.h>
 #include <korvane/iAp2Marshal.h>
+#include <korvane/iAP2MsgHandler.h>
 #include <korvane/iAP2Utils.h>
 #include <korvane/utils.h>
 
@@ -126,6 +127,36 @@ TEST_F(BoundaryTest, LogPrint_WhenALineIsSuppressed_AllocatesNothing)
     const std::size_t before = allocationCount();
     logPrint(90, "IAP2", "a/b", 1, "value[%d]", 1);
     EXPECT_EQ(allocationCount(), before);
+}
+
+TEST_F(BoundaryTest, SendMsg_WhenARecordTravels_TakesOneNodeAndNothingElse)
+{
+    constexpr std::size_t kRecords = 50; // fit into the mailbox
+    const Unrecorded unrecorded;
+    std::vector<std::size_t> countsOfHandler;
+    countsOfHandler.reserve(2 * kRecords);
+    iAP2MsgHandler handler;
+    handler.registerEventTable(
+        1, "count",
+        new IAP2Delegate<void, iAP2MsgData*>([&](iAP2MsgData*)
+                                             { countsOfHandler.push_back(allocationCount()); }));
+    handler.start();
+
+    std::size_t before = allocationCount();
+    for (std::size_t i = 0; i < kRecords; ++i)
+    {
+        handler.sendMsgV(1);
+    }
+    EXPECT_EQ(allocationCount(), before + kRecords);
+
+    before = allocationCount();
+    for (std::size_t i = 0; i < kRecords; ++i)
+    {
+        handler.sendMsgSyncV(1);
+    }
+    EXPECT_EQ(allocationCount(), before + 2 * kRecords); // each record and its announcement
+    EXPECT_EQ(countsOfHandler.size(), 2 * kRecords);
+    EXPECT_EQ(countsOfHandler.front(), countsOfHandler.back());
 }
 
 TEST_F(BoundaryTest, Marshal_WhenValuesArePutAndTaken_AllocatesNothing)
