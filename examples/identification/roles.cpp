@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cerrno>
+#include <exception>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,8 +16,8 @@
 #include "comparison.h"
 #include "decoding.h"
 #include "files.h"
-#include "records.h"
 #include "report.h"
+#include "senderComponent.h"
 #include "text.h"
 #include "transport.h"
 
@@ -89,16 +90,22 @@ ExitCode readersVerdict(int status)
 } // namespace
 
 // Which process a trace comes from is told by the sender's lines around its own, and by the
-// reader's around the others: the sender is silent from sending on until the reader is done.
+// reader's around the others: from sending on until the reader is done, the sender's threads have
+// nothing to say above level 20.
 
-Transaction runSender(int socket, const Description& description)
+Transaction runSender(SenderComponent& component, int socket, const Description& description)
 {
-    logPrint(IAP2_LOG_INFO, "IAP2", __FILE__, __LINE__, "sender[%d]: marshals the components",
-             getpid());
-    const Transaction transaction = marshalIdentification(description);
-    logPrint(IAP2_LOG_INFO, "IAP2", __FILE__, __LINE__, "sender[%d]: sends %zu bytes", getpid(),
-             transaction.size());
-    sendTransaction(socket, transaction);
+    Transaction transaction;
+    component.postDescribe(description);
+    component.postMarshal(transaction);
+    component.postSend(socket);
+    const SenderComponent::Answer answer = component.answer();
+    if (answer.failure != nullptr)
+    {
+        std::rethrow_exception(answer.failure);
+    }
+    logPrint(IAP2_LOG_DEBUG, "IAP2", __FILE__, __LINE__, "sender[%d]: has sent %zu bytes", getpid(),
+             answer.sentBytes);
     return transaction;
 }
 
@@ -167,10 +174,13 @@ ExitCode identify(const Description& description, const Options& options)
     readersEnd.reset();
     // Closed before the reader is waited for, whatever happens: it ends when nobody sends.
     UniqueFd socket = std::move(sendersEnd);
+    // Its thread must not exist before the fork, which would copy whatever that thread has locked.
+    // It ends behind the reader, and so do its last traces.
+    SenderComponent component;
     Transaction transaction;
     try
     {
-        transaction = runSender(socket.get(), description);
+        transaction = runSender(component, socket.get(), description);
     }
     catch (const SystemError&)
     {

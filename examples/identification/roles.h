@@ -7,13 +7,17 @@
 #include "description.h"
 #include "failures.h"
 #include "options.h"
+#include "senderComponent.h"
 #include "transaction.h"
 
 namespace identification
 {
 
-/** Marshals the description and sends it; returns what was sent. Throws SystemError. */
-Transaction runSender(int socket, const Description& description);
+/**
+ * Has the component marshal the description and send it, and waits for that; returns what was sent.
+ * Throws SystemError.
+ */
+Transaction runSender(SenderComponent& component, int socket, const Description& description);
 
 /**
  * Receives an identification, prints what the options ask for to the descriptor `output`, and

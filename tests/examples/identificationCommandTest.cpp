@@ -187,6 +187,15 @@ TEST_F(IdentificationCommand, Run_WhenLevelIsDefault_ShowsTracesOfBothProcessesA
     EXPECT_LT(received, readBack);
     EXPECT_LT(readBack, compared);
     EXPECT_LT(compared, ended);
+
+    // Nothing of the sender's threads stands inside the reader's block.
+    const std::string block = outcome.err.substr(received, compared - received);
+    EXPECT_THAT(block, AllOf(Not(HasSubstr("sender[")), Not(HasSubstr("iAP2MsgHandler"))));
+    const std::size_t end = outcome.err.find("]: ends its handler");
+    const std::size_t exit = outcome.err.find("run: exit loop by EVT_LINKLOOP_EXIT");
+    EXPECT_LT(ended, end);
+    EXPECT_LT(end, exit);
+    EXPECT_THAT(outcome.err, EndsWith("iAP2MsgHandler:~iAP2Thread:join() fail\n"));
     EXPECT_THAT(outcome.err, Not(HasSubstr("Marshaling UARTTransportComponent"))); // level 20
 
     const auto processOf = [&outcome](const std::string& role)
@@ -265,11 +274,14 @@ TEST_F(IdentificationCommand, Level_WhenLow_ShowsDebugTraces)
                                    HasSubstr("Marshaling RouteGuidanceDisplayComponent")));
 }
 
-TEST_F(IdentificationCommand, Level_WhenErrorsOnly_ShowsNothingWhereAllIsWell)
+TEST_F(IdentificationCommand, Level_WhenErrorsOnly_ShowsTheHandlersEndAloneWhereAllIsWell)
 {
     const Outcome outcome = run({"--input", IDENTIFICATION_INPUT, "--level", "90"});
     EXPECT_EQ(outcome.exitCode, 0);
-    EXPECT_EQ(outcome.err, "");
+    EXPECT_THAT(
+        linesOf(outcome.err),
+        ElementsAre(MatchesRegex(".* E IAP2 .* run: exit loop by EVT_LINKLOOP_EXIT"),
+                    MatchesRegex(".* E IAP2 .* iAP2MsgHandler:~iAP2Thread:join\\(\\) fail")));
 }
 
 TEST_F(IdentificationCommand, Quiet_WhenSet_PrintsNothing)

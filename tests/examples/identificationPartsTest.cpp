@@ -30,6 +30,7 @@
 #include "report.h"
 #include "roles.h"
 #include "show.h"
+#include "SocketPair.h"
 #include "text.h"
 #include "transport.h"
 
@@ -41,23 +42,6 @@ namespace
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-
-struct SocketPair
-{
-    SocketPair()
-    {
-        std::array<int, 2> ends{};
-        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0)
-        {
-            throw SystemError("no socket");
-        }
-        sender = UniqueFd(ends[0]);
-        reader = UniqueFd(ends[1]);
-    }
-
-    UniqueFd sender;
-    UniqueFd reader;
-};
 
 Description shipped()
 {
