@@ -375,7 +375,9 @@ int iAP2MsgBox<T>::iAP2MsgBoxImpl::sendMessageSyncAnnounced(T* announcement, T* 
     Wake wake(m_cond);
     wake.hold();
     post(announcement, wake);
-    return postSync(data, &wake);
+    const int result = postSync(data, &wake);
+    wake.release(); // where the record was refused
+    return result;
 }
 
 template <typename T> int iAP2MsgBox<T>::iAP2MsgBoxImpl::receiveMessage(T* out)

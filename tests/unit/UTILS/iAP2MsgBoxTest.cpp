@@ -5,11 +5,13 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <future>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <string>
 #include <thread>
 #include <utility>
@@ -320,11 +322,13 @@ TEST_P(EachOperation, Perform_WhenTheMutexIsNotHadInTime_ReportsAndEndsTheProces
         {
             support::onTrace([](const std::string& text)
                              { std::fprintf(stderr, "%s\n", text.c_str()); });
+            std::atexit([] { std::fprintf(stderr, "handlers run\n"); });
             const ScopedHook lock(&Hooks::mutexTimedlock,
                                   [](pthread_mutex_t*, const timespec*) { return ETIMEDOUT; });
             perform();
         },
-        ExitedWithCode(0), "^E IAP2 +iAP2MsgBoxImpl.h .* pthread_mutex_timedlock timeout\n$");
+        ExitedWithCode(0),
+        "^E IAP2 +iAP2MsgBoxImpl.h .* pthread_mutex_timedlock timeout\nhandlers run\n$");
 }
 
 TEST_P(EachOperation, Perform_WhenLockingFails_ReportsErrnoAndGoesOn)
@@ -577,6 +581,23 @@ TEST(MsgBoxCapacityTest, SendMessage_WhenTheCapacityIsZero_ReportsOnceAndBoundsN
     setLogLevel(0);
 }
 
+TEST(MsgBoxCapacityTest, SendMessage_WhenTheCapacityIsLarge_DropsOnlyBeyondIt)
+{
+    constexpr int kLarge = 70000;
+    support::takeMessages();
+    setLogLevel(90);
+    const WatchedBox large(kLarge);
+    for (int i = 0; i < kLarge; ++i)
+    {
+        ASSERT_EQ(sendOne(*large.box), kRecordSize);
+    }
+    EXPECT_THAT(takeMessages(), IsEmpty());
+    sendOne(*large.box);
+    EXPECT_THAT(takeMessages(),
+                ElementsAre("E sendMessage: queue full, max_size_70000, delete oldest"));
+    setLogLevel(0);
+}
+
 TEST_F(MsgBoxTest, SendMessage_WhenTheListRefuses_ReportsUnlocksAndReturnsMinusOne)
 {
     iAP2MsgBox<RefusedRecord> refusing(kCapacity);
@@ -699,6 +720,34 @@ TEST_F(MsgBoxTest, ReceiveMessage_WhenWaitingFails_ReportsErrnoAndLooksAgain)
     EXPECT_EQ(received(), 8);
     EXPECT_THAT(takeMessages(),
                 ElementsAre("E receiveMessage: pthread_cond_wait fail, Operation not permitted"));
+}
+
+TEST_F(MsgBoxTest, ReceiveMessage_WhenUnlockingBehindTheWaitFails_ReportsErrnoAndLooksAgain)
+{
+    setLogLevel(90);
+    bool hasWaited = false;
+    const ScopedHook wait(&Hooks::condWait,
+                          [&](pthread_cond_t*, pthread_mutex_t* mutex)
+                          {
+                              const int result = waitWhileAnotherPosts(*mBox.box, 9, mutex);
+                              hasWaited = true;
+                              return result;
+                          });
+    const ScopedHook unlock(&Hooks::mutexUnlock,
+                            [&](pthread_mutex_t* mutex)
+                            {
+                                const int result = pthread_mutex_unlock(mutex);
+                                if (mutex != mBox.mutex() || !std::exchange(hasWaited, false))
+                                {
+                                    return result;
+                                }
+                                errno = EPERM;
+                                return EINVAL;
+                            });
+    EXPECT_EQ(received(), 9);
+    EXPECT_THAT(
+        takeMessages(),
+        ElementsAre("E receiveMessage: pthread_mutex_unlock fail, Operation not permitted"));
 }
 
 /* ---- The synchronous side ---- */
@@ -901,6 +950,116 @@ TEST_F(MsgBoxTest, SendSyncFinishMessage_WhenSignallingFails_ReportsErrnoAndRetu
     EXPECT_THAT(
         takeMessages(),
         ElementsAre("E sendSyncFinishMessage: pthread_cond_signal fail, Operation not permitted"));
+}
+
+/* ---- Memory ---- */
+
+/** The allocation number `failing` of the calling thread fails. */
+class ShortMemory
+{
+public:
+    explicit ShortMemory(int failing) : mLeft(failing)
+    {
+    }
+
+private:
+    int mLeft;
+    ScopedHook<decltype(Hooks::operatorNew)> mHook{&Hooks::operatorNew, [this](std::size_t size)
+                                                   {
+                                                       if (--mLeft == 0)
+                                                       {
+                                                           throw std::bad_alloc();
+                                                       }
+                                                       return support::real::operatorNew(size);
+                                                   }};
+};
+
+bool isFree(pthread_mutex_t* mutex)
+{
+    const bool taken = support::real::mutexTrylock(mutex) == 0;
+    if (taken)
+    {
+        support::real::mutexUnlock(mutex);
+    }
+    return taken;
+}
+
+/** The names of a box's mutexes that are held. */
+Calls heldMutexes(const WatchedBox& box)
+{
+    Calls held;
+    for (pthread_mutex_t* const mutex : box.mutexes)
+    {
+        if (!isFree(mutex))
+        {
+            held.push_back(box.nameOf(mutex));
+        }
+    }
+    return held;
+}
+
+TEST_F(MsgBoxTest, SendMessage_WhenMemoryIsShort_ThrowsSignalsNobodyAndLeavesTheListLocked)
+{
+    setLogLevel(90);
+    iAP2MsgData data = event(1);
+    {
+        int signals = 0;
+        const ScopedHook signal(&Hooks::condSignal,
+                                [&](pthread_cond_t* condition)
+                                {
+                                    ++signals;
+                                    return support::real::condSignal(condition);
+                                });
+        const ShortMemory fault(1);
+        EXPECT_THROW(mBox.box->sendMessage(&data), std::bad_alloc);
+        EXPECT_EQ(signals, 0);
+    }
+    EXPECT_THAT(heldMutexes(mBox), ElementsAre("list"));
+    EXPECT_THAT(takeMessages(), IsEmpty());
+
+    support::real::mutexUnlock(mBox.mutexes[0]); // so that the box can be used and destroyed
+    EXPECT_EQ(send(2), kRecordSize);
+    EXPECT_EQ(received(), 2);
+}
+
+TEST_F(MsgBoxTest, SendMessageSync_WhenMemoryIsShort_ThrowsAndLeavesTheListLocked)
+{
+    setLogLevel(90);
+    iAP2MsgData data = event(1);
+    {
+        const WaitHook wake = wakeAtOnce();
+        const ShortMemory fault(1);
+        EXPECT_THROW(mBox.box->sendMessageSync(&data), std::bad_alloc);
+    }
+    EXPECT_THAT(heldMutexes(mBox), ElementsAre("syncList"));
+    EXPECT_THAT(takeMessages(), IsEmpty());
+
+    support::real::mutexUnlock(mBox.mutexes[1]); // so that the box can be used and destroyed
+    EXPECT_EQ(receiveOneSync(*mBox.box), 0);
+    EXPECT_EQ(sendOneSync(*mBox.box), kRecordSize);
+    EXPECT_EQ(receiveOneSync(*mBox.box), kRecordSize);
+}
+
+TEST_F(MsgBoxTest, SendMessageSyncAnnounced_WhenMemoryIsShortForTheRecord_WakesTheReceiver)
+{
+    LineCounter waiting("Waiting ... next Message ");
+    std::int32_t id = 0;
+    std::thread receiver([&] { id = received(); });
+    waiting.waitFor(1);
+    setLogLevel(90);
+    takeMessages();
+    iAP2MsgData announcement = event(1);
+    iAP2MsgData data = event(2);
+    {
+        const WaitHook wake = wakeAtOnce();
+        const ShortMemory fault(2);
+        EXPECT_THROW(mBox.box->sendMessageSyncAnnounced(&announcement, &data), std::bad_alloc);
+    }
+    receiver.join();
+    EXPECT_EQ(id, 1);
+    EXPECT_THAT(heldMutexes(mBox), ElementsAre("syncList"));
+    EXPECT_THAT(takeMessages(), IsEmpty());
+    support::real::mutexUnlock(mBox.mutexes[1]); // so that the box can be destroyed
 }
 
 /* ---- A mutex that is held too long ---- */

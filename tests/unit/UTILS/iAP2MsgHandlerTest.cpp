@@ -10,6 +10,7 @@
 #include <future>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <ostream>
 #include <stdexcept>
 #include <string>
@@ -29,6 +30,7 @@
 
 #include "Faults.h"
 #include "TraceRecorder.h"
+#include "UTILS/handlerSenders.h"
 
 // Records compare and print by their fields, in the namespace that the matchers look in.
 static bool operator==(const iAP2MsgData& a, const iAP2MsgData& b)
@@ -51,6 +53,7 @@ namespace
 using support::Hooks;
 using support::LineCounter;
 using support::ScopedHook;
+using support::Sender;
 using support::takeMessages;
 using testing::AllOf;
 using testing::Each;
@@ -549,60 +552,97 @@ TEST_F(MsgHandlerTest, SendMsgSync_WhenTheHandlerIsIdle_NeverPausesIt)
     handler.stop();
 }
 
-/* ---- The argument families ---- */
-
-struct Sender
+/** A handler whose mutexes are known, in the order in which they were initialised. */
+class WatchedHandler
 {
-    const char* name;
-    int (*send)(iAP2MsgHandler&);
-    iAP2MsgData sent;
+public:
+    WatchedHandler()
+    {
+        const ScopedHook hook(&Hooks::mutexInit,
+                              [this](pthread_mutex_t* mutex, const pthread_mutexattr_t* how)
+                              {
+                                  mMutexes.push_back(mutex);
+                                  return support::real::mutexInit(mutex, how);
+                              });
+        handler = std::make_unique<iAP2MsgHandler>();
+    }
+
+    /** Releases the mutexes that are held; which ones. */
+    std::vector<std::string> releaseHeld()
+    {
+        static const char* const names[] = {"state", "list", "syncList", "mutex", "mutexSync"};
+        std::vector<std::string> held;
+        EXPECT_THAT(mMutexes, SizeIs(std::extent<decltype(names)>::value));
+        for (std::size_t i = 0; i < mMutexes.size(); ++i)
+        {
+            if (support::real::mutexTrylock(mMutexes[i]) == EBUSY)
+            {
+                held.emplace_back(names[i]);
+            }
+            support::real::mutexUnlock(mMutexes[i]);
+        }
+        return held;
+    }
+
+    std::unique_ptr<iAP2MsgHandler> handler;
+
+private:
+    std::vector<pthread_mutex_t*> mMutexes;
 };
 
-char targets[3];
-void* const p1 = &targets[0];
-void* const p2 = &targets[1];
-void* const p3 = &targets[2];
+TEST_F(MsgHandlerTest, SendMsg_WhenMemoryIsShort_ThrowsAndLeavesTheListLocked)
+{
+    setLogLevel(90);
+    WatchedHandler watched;
+    {
+        const ScopedHook fault(&Hooks::operatorNew,
+                               [](std::size_t) -> void* { throw std::bad_alloc(); });
+        EXPECT_THROW(watched.handler->sendMsgV(1), std::bad_alloc);
+    }
+    EXPECT_THAT(watched.releaseHeld(), ElementsAre("list"));
+    EXPECT_THAT(takeMessages(), IsEmpty());
 
-// A row is a suffix, the arguments behind the event id and the record that they make.
-#define FOR_EACH_SUFFIX(X)                                                                         \
-    X(, (7, 1, 2, 3, p1, p2, p3), {7, 1, 2, 3, p1, p2, p3})                                        \
-    X(V, (7), {7, 0, 0, 0, nullptr, nullptr, nullptr})                                             \
-    X(D, (7, 1), {7, 1, 0, 0, nullptr, nullptr, nullptr})                                          \
-    X(DD, (7, 1, 2), {7, 1, 2, 0, nullptr, nullptr, nullptr})                                      \
-    X(DDD, (7, 1, 2, 3), {7, 1, 2, 3, nullptr, nullptr, nullptr})                                  \
-    X(P, (7, p1), {7, 0, 0, 0, p1, nullptr, nullptr})                                              \
-    X(PP, (7, p1, p2), {7, 0, 0, 0, p1, p2, nullptr})                                              \
-    X(PPP, (7, p1, p2, p3), {7, 0, 0, 0, p1, p2, p3})                                              \
-    X(DP, (7, 1, p1), {7, 1, 0, 0, p1, nullptr, nullptr})                                          \
-    X(DPP, (7, 1, p1, p2), {7, 1, 0, 0, p1, p2, nullptr})                                          \
-    X(DPPP, (7, 1, p1, p2, p3), {7, 1, 0, 0, p1, p2, p3})                                          \
-    X(DDP, (7, 1, 2, p1), {7, 1, 2, 0, p1, nullptr, nullptr})                                      \
-    X(DDPP, (7, 1, 2, p1, p2), {7, 1, 2, 0, p1, p2, nullptr})                                      \
-    X(DDPPP, (7, 1, 2, p1, p2, p3), {7, 1, 2, 0, p1, p2, p3})                                      \
-    X(DDDP, (7, 1, 2, 3, p1), {7, 1, 2, 3, p1, nullptr, nullptr})                                  \
-    X(DDDPP, (7, 1, 2, 3, p1, p2), {7, 1, 2, 3, p1, p2, nullptr})                                  \
-    X(DDDPPP, (7, 1, 2, 3, p1, p2, p3), {7, 1, 2, 3, p1, p2, p3})
+    watched.handler->registerEventTable(2, "collect", collect());
+    EXPECT_EQ(watched.handler->sendMsgV(2), 0);
+    watched.handler->start();
+    endLoop(*watched.handler);
+    EXPECT_THAT(calledIds(), ElementsAre(2));
+}
 
-#define ASYNCHRONOUS(Suffix, arguments, ...)                                                       \
-    {"sendMsg" #Suffix, [](iAP2MsgHandler& handler) { return handler.sendMsg##Suffix arguments; }, \
-     __VA_ARGS__},
-#define SYNCHRONOUS(Suffix, arguments, ...)                                                        \
-    {"sendMsgSync" #Suffix,                                                                        \
-     [](iAP2MsgHandler& handler) { return handler.sendMsgSync##Suffix arguments; }, __VA_ARGS__},
+TEST_F(MsgHandlerTest, SendMsgSync_WhenMemoryIsShortForTheRecord_ThrowsBehindTheControlRecord)
+{
+    setLogLevel(90);
+    WatchedHandler watched;
+    {
+        const auto wake = wakeAtOnce();
+        const ScopedHook fault(&Hooks::operatorNew,
+                               [isFirst = true](std::size_t size) mutable
+                               {
+                                   if (!std::exchange(isFirst, false))
+                                   {
+                                       throw std::bad_alloc();
+                                   }
+                                   return support::real::operatorNew(size);
+                               });
+        EXPECT_THROW(watched.handler->sendMsgSyncV(1), std::bad_alloc);
+    }
+    EXPECT_THAT(watched.releaseHeld(), ElementsAre("syncList"));
+    EXPECT_THAT(takeMessages(), IsEmpty());
+    iAP2MsgData out{};
+    EXPECT_EQ(watched.handler->recvMsg(&out), 40);
+    EXPECT_EQ(out, event(EVT_SEND_SYNC_MSG));
+}
 
-const Sender kAsynchronousSenders[] = {FOR_EACH_SUFFIX(ASYNCHRONOUS)};
-const Sender kSynchronousSenders[] = {FOR_EACH_SUFFIX(SYNCHRONOUS)};
-static_assert(std::extent<decltype(kAsynchronousSenders)>::value == 17, "all suffixes");
-static_assert(std::extent<decltype(kSynchronousSenders)>::value == 17, "all suffixes");
+/* ---- The argument families ---- */
 
 class EachSender : public MsgHandlerTest, public testing::WithParamInterface<Sender>
 {
 };
 
-INSTANTIATE_TEST_SUITE_P(Asynchronous, EachSender, testing::ValuesIn(kAsynchronousSenders),
+INSTANTIATE_TEST_SUITE_P(Asynchronous, EachSender, testing::ValuesIn(support::kAsynchronousSenders),
                          [](const testing::TestParamInfo<Sender>& tested)
                          { return std::string(tested.param.name); });
-INSTANTIATE_TEST_SUITE_P(Synchronous, EachSender, testing::ValuesIn(kSynchronousSenders),
+INSTANTIATE_TEST_SUITE_P(Synchronous, EachSender, testing::ValuesIn(support::kSynchronousSenders),
                          [](const testing::TestParamInfo<Sender>& tested)
                          { return std::string(tested.param.name); });
 
@@ -906,6 +946,26 @@ TEST_F(MsgHandlerTest, Run_WhenStopIsCalledWhileADelegateRuns_EndsAfterThatRecor
     EXPECT_THAT(takeMessages(), ElementsAre("E run: Thread Stop Routine !!"));
     EXPECT_THAT(mCalled, IsEmpty());
     EXPECT_FALSE(handler.isRunning());
+}
+
+TEST_F(MsgHandlerTest, Run_WhenStopIsCalledWhileItWaits_HandlesTheNextRecordAndEndsThen)
+{
+    iAP2MsgHandler handler;
+    handler.registerEventTable(1, "collect", collect());
+    LineCounter waiting("Waiting ... next Message ");
+    handler.start();
+    waiting.waitFor(1);
+    setLogLevel(90);
+    takeMessages();
+    std::thread owner([&] { EXPECT_EQ(handler.stop(), iAP2Thread::Success); });
+    while (!handler.getStopVal())
+    {
+        std::this_thread::yield();
+    }
+    handler.sendMsgV(1);
+    owner.join();
+    EXPECT_THAT(calledIds(), ElementsAre(1));
+    EXPECT_THAT(takeMessages(), ElementsAre("E run: Thread Stop Routine !!"));
 }
 
 TEST_F(MsgHandlerTest, Run_WhenTheExitEventComes_EndsAndDispatchesNothingBehindIt)
