@@ -6,6 +6,7 @@
 #define KORVANE_BENCHMARKS_BENCHMARKS_H
 
 void registerAllocationBenchmarks();
+void registerHandlerBenchmarks();
 void registerLogBenchmarks();
 void registerMarshalBenchmarks();
 

@@ -22,6 +22,7 @@ int main(int argc, char** argv)
     registerLogBenchmarks();
     registerMarshalBenchmarks();
     registerAllocationBenchmarks();
+    registerHandlerBenchmarks();
     benchmark::RunSpecifiedBenchmarks();
     return 0;
 }

@@ -4,6 +4,7 @@
 #ifndef KORVANE_TESTS_HANDLERSENDERS_H
 #define KORVANE_TESTS_HANDLERSENDERS_H
 
+#include <ostream>
 #include <type_traits>
 
 #include <korvane/iAP2MsgHandler.h>
@@ -17,6 +18,12 @@ struct Sender
     int (*send)(iAP2MsgHandler&);
     iAP2MsgData sent;
 };
+
+/** How GoogleTest shows a parameter of this type. */
+inline void PrintTo(const Sender& sender, std::ostream* stream)
+{
+    *stream << sender.name;
+}
 
 inline char targets[3];
 inline void* const p1 = &targets[0];
