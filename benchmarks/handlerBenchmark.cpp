@@ -272,20 +272,17 @@ template <int level> void addRows(const std::string& suffix)
             ->Teardown(endStream<DequeHandler>)
             ->Threads(senders);
     }
-    for (const std::string beside : {"", ".deque"})
-    {
-        const std::string row = "RoundTrip." + suffix + beside;
-        add(row + "/work", roundTrips<Handler, Mailbox, level>);
-        add(row + "/floor",
-            beside.empty() ? futexRoundTrips : roundTrips<DequeHandler, DequeMailbox, level>);
-    }
-    for (const std::string beside : {"", ".deque"})
-    {
-        const std::string row = "SynchronousSend." + suffix + beside;
-        add(row + "/work", synchronousSends<Handler, level>);
-        add(row + "/floor",
-            beside.empty() ? futexRoundTrips : synchronousSends<DequeHandler, level>);
-    }
+    const std::string roundTrip = "RoundTrip." + suffix;
+    add(roundTrip + "/work", roundTrips<Handler, Mailbox, level>);
+    add(roundTrip + "/floor", futexRoundTrips);
+    add(roundTrip + ".deque/work", roundTrips<Handler, Mailbox, level>);
+    add(roundTrip + ".deque/floor", roundTrips<DequeHandler, DequeMailbox, level>);
+
+    const std::string synchronous = "SynchronousSend." + suffix;
+    add(synchronous + "/work", synchronousSends<Handler, level>);
+    add(synchronous + "/floor", futexRoundTrips);
+    add(synchronous + ".deque/work", synchronousSends<Handler, level>);
+    add(synchronous + ".deque/floor", synchronousSends<DequeHandler, level>);
 }
 
 } // namespace
