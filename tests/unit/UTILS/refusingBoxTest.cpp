@@ -422,10 +422,10 @@ TEST_F(RefusingTest, SendMessageSyncAnnounced_WhenTheRecordIsRefusedAndSignallin
                                return EINVAL;
                            });
     EXPECT_EQ(box.sendMessageSyncAnnounced(&announcement, &data), -1);
-    EXPECT_THAT(takeMessages(),
-                UnorderedElementsAre(
-                    MatchesRegex(kPosted), kSyncListRefuses,
-                    "E sendMessage: pthread_cond_signal fail, Operation not permitted"));
+    EXPECT_THAT(
+        takeMessages(),
+        UnorderedElementsAre(MatchesRegex(kPosted), kSyncListRefuses,
+                             "E sendMessage: pthread_cond_signal fail, Operation not permitted"));
 }
 
 TEST_F(RefusingTest, SendMsgSync_WhenTheControlRecordIsRefused_WaitsAllTheSame)
