@@ -159,6 +159,28 @@ TEST_F(BoundaryTest, SendMsg_WhenARecordTravels_TakesOneNodeAndNothingElse)
     EXPECT_EQ(countsOfHandler.front(), countsOfHandler.back());
 }
 
+TEST_F(BoundaryTest, MsgBox_WhenTheRecordIsTheClients_MovesItsBytes)
+{
+    struct Sample
+    {
+        std::uint8_t channel;
+        float volts[4];
+    };
+    iAP2MsgBox<Sample> box(2);
+    for (std::uint8_t channel = 1; channel <= 3; ++channel)
+    {
+        Sample sample{channel, {0.5F, 1.5F, 2.5F, 3.5F}};
+        EXPECT_EQ(box.sendMessage(&sample), int{sizeof(Sample)});
+    }
+    Sample received{};
+    EXPECT_EQ(box.receiveMessageSync(&received), 0);
+    EXPECT_EQ(box.receiveMessage(&received), int{sizeof(Sample)});
+    EXPECT_EQ(received.channel, 2); // the first of three was one too many
+    EXPECT_THAT(received.volts, ElementsAre(0.5F, 1.5F, 2.5F, 3.5F));
+    EXPECT_THAT(takeMessages(),
+                testing::Contains("E sendMessage: queue full, max_size_2, delete oldest"));
+}
+
 TEST_F(BoundaryTest, Marshal_WhenValuesArePutAndTaken_AllocatesNothing)
 {
     const Unrecorded unrecorded;
