@@ -11,7 +11,9 @@ int main(int argc, char** argv)
     {
         return 2;
     }
-    for (const auto findDifference : {findLogDifference, findMarshalDifference})
+    for (const auto findDifference :
+         {findLogDifference, findListDifference, findByteArrayDifference, findMarshalDifference,
+          findQueuedLogDifference, findTextDifference})
     {
         if (const char* const difference = findDifference())
         {
@@ -20,9 +22,13 @@ int main(int argc, char** argv)
         }
     }
     registerLogBenchmarks();
+    registerListBenchmarks();
     registerMarshalBenchmarks();
     registerAllocationBenchmarks();
     registerHandlerBenchmarks();
+    registerByteArrayBenchmarks();
+    registerQueuedLogBenchmarks();
+    registerTextBenchmarks();
     benchmark::RunSpecifiedBenchmarks();
     return 0;
 }

@@ -3,8 +3,12 @@ function(korvane_compiler_options target)
   target_compile_options(
     ${target}
     PRIVATE
-      # Source paths in traces are relative to the project, wherever it is built.
+      # Source paths in traces are relative to the project, and the bytes the same, wherever it is built.
       -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=
+      -fdebug-prefix-map=${PROJECT_SOURCE_DIR}=.
+      -fdebug-prefix-map=${PROJECT_BINARY_DIR}=.
+      # It takes the shorter of two prefixes, and would so name a folder inside the sources.
+      $<$<CXX_COMPILER_ID:Clang>:-fdebug-compilation-dir=.>
       -Wall
       -Wextra
       -Wpedantic

@@ -2,6 +2,9 @@
 set(KORVANE_PUBLIC_HEADERS
     Sources/LOG/COMMON_LOG/iAp2LogUtil.h
     Sources/LOG/EXTERNEL_LOG/Quilmar/iAP2ExtLog.h
+    Sources/UTILS/ByteArray.h
+    Sources/UTILS/DataQueueList.h
+    Sources/UTILS/SharedContext.h
     Sources/UTILS/iAP2ListImpl.h
     Sources/UTILS/iAP2MsgBoxImpl.h
     Sources/UTILS/iAP2MsgHandler.h

@@ -32,6 +32,10 @@ SIZES = (16, 64, 256, 1024, 4096, 65536, 1048576)
 PLAIN_BLOCK = "malloc + memset + free"
 DEQUE = "deque, mutex, condition variable"
 FUTEX = "futex ping-pong"
+PLAIN_STORE = "plain store"
+PLAIN_COPY = "new + memcpy + delete"
+STRING = "std::string"
+SWAPPED_LOAD = "byte-swapped load"
 LEVELS = (("silenced", "silenced", True), ("default", "all levels", False))
 
 ROWS = (
@@ -42,6 +46,8 @@ ROWS = (
     Row("TwoThreads.text", "message of texts, 2 threads at once", "1 thread", 1.05),
     Row("TwoThreads.numbers", "message with numbers, 2 threads at once", "1 thread", 1.05),
     Row("TwoThreads.machine", "vsnprintf alone, 2 threads at once", "1 thread", None),
+    Row("QueuedText.byHand", "text queued, for its caller", "2 malloc + memcpy + lock", None),
+    Row("QueuedText.direct", "text queued, for its caller", "handed on at once", None),
     Row("Identification.marshalled", "identification marshalled", "stored by hand", 1.3),
     Row("Identification.readBack", "identification read back", "read by hand", 2.0),
 ) + tuple(
@@ -50,6 +56,17 @@ ROWS = (
 ) + (
     Row("GuardedAllocation.1024.sameRequest", "guarded block of 1024 bytes",
         PLAIN_BLOCK + " of 1040", None),
+    Row("QueuePair", "item put and got", "malloc + free of a node", 1.3),
+    Row("QueuePair.list", "item put and got", "std::list", None),
+    Row("QueuePair.tailq", "item put and got", "TAILQ, malloc + free", None),
+) + tuple(
+    row
+    for size in (10, 100, 1000)
+    for row in (
+        Row(f"ListFind.{size}", f"last of {size} elements found", "a bare walk", 1.05),
+        Row(f"ListFind.{size}.list", f"last of {size} elements found", "std::list", None),
+        Row(f"ListFind.{size}.tailq", f"last of {size} elements found", "TAILQ", None),
+    )
 ) + tuple(
     row
     for key, level, has_goals in LEVELS
@@ -63,6 +80,35 @@ ROWS = (
             1.5 if has_goals else None),
         Row(f"SynchronousSend.{key}.deque", f"synchronous send, {level}", DEQUE, None),
     )
+) + tuple(
+    row
+    for size in (1, 16, 256)
+    for work in (f"{size} reserved {'byte' if size == 1 else 'bytes'} appended",)
+    for row in (
+        Row(f"ByteArrayAppend.{size}", work, PLAIN_STORE, 1.5),
+        Row(f"ByteArrayAppend.{size}.string", work, STRING, None),
+    )
+) + (
+    Row("ByteArrayAppend.16.growing", "16 bytes appended, nothing reserved", STRING, None),
+) + tuple(
+    row
+    for key, verb, reach in (("Copy", "copied", 1.1), ("Slice", "sliced out", 1.2))
+    for size in (16, 256, 4096)
+    for row in (
+        Row(f"ByteArray{key}.{size}", f"{size} bytes {verb}", PLAIN_COPY, reach),
+        Row(f"ByteArray{key}.{size}.string", f"{size} bytes {verb}", STRING, None),
+    )
+) + tuple(
+    Row(f"Base64.{size}.{key}", f"Base64 of {size} bytes", floor, 1.0)
+    for size in (6, 17, 64, 1024, 65536)
+    for key, floor in (("openssl", "OpenSSL"), ("glib", "GLib, with its block"))
+) + tuple(
+    Row(f"Decode.{width}", f"field of {width} {'byte' if width == 1 else 'bytes'} decoded",
+        SWAPPED_LOAD, 1.5)
+    for width in (1, 2, 4, 8)
+) + (
+    Row("Decode.31bits", "field of 4 bytes decoded to 31 bits", SWAPPED_LOAD, 1.5),
+    Row("SecuredForm.17", "secured form of a MAC address", "OpenSSL and std::string", None),
 )
 
 

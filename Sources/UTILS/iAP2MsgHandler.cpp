@@ -147,14 +147,36 @@ int iAP2MsgHandler::sendMsgSync(iAP2MsgData* data)
 #define KORVANE_DEFINE_SEND(send, Suffix, parameters, d1, d2, d3, p1, p2, p3)                      \
     int iAP2MsgHandler::send##Suffix parameters                                                    \
     {                                                                                              \
-        iAP2MsgData data = {id, d1, d2, d3, p1, p2, p3};                                           \
-        const int result = send(&data);                                                            \
-        if (result != 0)                                                                           \
-        {                                                                                          \
-            KORVANE_LOG(IAP2_LOG_ERROR, #send #Suffix " error!!");                                 \
-        }                                                                                          \
-        return result;                                                                             \
+        return sendRecord<&iAP2MsgHandler::send>(*this, id, d1, {d2, d3}, p1, p2, p3,              \
+                                                 #send #Suffix);                                   \
     }
+
+namespace
+{
+
+/** Two arguments in one register: with them all arguments of sendRecord() travel in registers. */
+struct LastIntegers
+{
+    std::uint32_t d2;
+    std::uint32_t d3;
+};
+
+/** What all of them share, so that each is but a few instructions in front of it. */
+template <int (iAP2MsgHandler::*send)(iAP2MsgData*)>
+[[gnu::noinline]] int sendRecord(iAP2MsgHandler& handler, int id, std::uint32_t d1,
+                                 LastIntegers last, void* p1, void* p2, void* p3,
+                                 const char* sender)
+{
+    iAP2MsgData data = {id, d1, last.d2, last.d3, p1, p2, p3};
+    const int result = (handler.*send)(&data);
+    if (result != 0)
+    {
+        KORVANE_LOG(IAP2_LOG_ERROR, "%s error!!", sender);
+    }
+    return result;
+}
+
+} // namespace
 
 KORVANE_FOR_EACH_SENDER(KORVANE_DEFINE_SENDER)
 

@@ -6,7 +6,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <iterator>
 #include <limits>
 #include <type_traits>
 
@@ -122,17 +121,29 @@ uint8_t* iAp2MarshalAlloc(MarshalIo* mio, size_t size)
     return SlotWriter(mio).alloc(size);
 }
 
-#define KORVANE_PUT_AND_GET(Name, Type)                                                            \
-    void iAp2MarshalPut##Name(MarshalIo* mio, Type value)                                          \
+#define KORVANE_PUT_AND_GET(Width)                                                                 \
+    void iAp2MarshalPutUint##Width(MarshalIo* mio, uint##Width##_t value)                          \
     {                                                                                              \
         SlotWriter(mio).put(value);                                                                \
     }                                                                                              \
-    Type iAp2MarshalGet##Name(MarshalIo* mio)                                                      \
+    uint##Width##_t iAp2MarshalGetUint##Width(MarshalIo* mio)                                      \
     {                                                                                              \
-        return get<Type>(*mio);                                                                    \
+        return get<uint##Width##_t>(*mio);                                                         \
+    }                                                                                              \
+    void iAp2MarshalPutInt##Width(MarshalIo* mio, int##Width##_t value)                            \
+    {                                                                                              \
+        iAp2MarshalPutUint##Width(mio, static_cast<uint##Width##_t>(value));                       \
+    }                                                                                              \
+    int##Width##_t iAp2MarshalGetInt##Width(MarshalIo* mio)                                        \
+    {                                                                                              \
+        return static_cast<int##Width##_t>(iAp2MarshalGetUint##Width(mio));                        \
     }
 
-IAP2_MARSHAL_FOR_EACH_TYPE(KORVANE_PUT_AND_GET)
+// Signed values have the bytes of the unsigned ones.
+KORVANE_PUT_AND_GET(8)
+KORVANE_PUT_AND_GET(16)
+KORVANE_PUT_AND_GET(32)
+KORVANE_PUT_AND_GET(64)
 
 #undef KORVANE_PUT_AND_GET
 
@@ -331,9 +342,46 @@ void putParam(SlotMeter& meter, CmdSaveEssentialUtf8Param& param)
     meter.putBytes(param.value, param.size);
 }
 
+/**
+ * SlotWriter as functions: whoever checks every slot and traces every value is in no hurry, and need
+ * not have a copy of the code for every value.
+ */
+class CarefulWriter : public SlotWriter
+{
+public:
+    using SlotWriter::SlotWriter;
+
+    template <typename Value> [[gnu::noinline]] void put(Value value)
+    {
+        SlotWriter::put(value);
+    }
+    template <typename Value, std::size_t count>
+    [[gnu::noinline]] void putEach(const Value (&values)[count])
+    {
+        SlotWriter::putEach(values);
+    }
+    [[gnu::noinline]] void putBytes(const void* bytes, std::uint32_t length)
+    {
+        SlotWriter::putBytes(bytes, length);
+    }
+};
+
+#define KORVANE_CAREFUL_PARAM(Record)                                                              \
+    [[gnu::noinline]] void putParam(CarefulWriter& out, Record& param)                             \
+    {                                                                                              \
+        putParam<CarefulWriter>(out, param);                                                       \
+    }
+
+KORVANE_CAREFUL_PARAM(const CmdSaveUint16Param)
+KORVANE_CAREFUL_PARAM(const CmdSaveUint32Param)
+KORVANE_CAREFUL_PARAM(const CmdSaveUtf8Param)
+KORVANE_CAREFUL_PARAM(CmdSaveEssentialUtf8Param)
+
+#undef KORVANE_CAREFUL_PARAM
+
 template <typename Record> void putParamAt(void* record, MarshalIo* mio)
 {
-    SlotWriter out(mio);
+    CarefulWriter out(mio);
     putParam(out, *static_cast<Record*>(record));
 }
 
@@ -428,6 +476,11 @@ void putSampleRates(SlotMeter& meter, const Uint32ListParam& rates)
 void putVehicleList(SlotMeter& meter, Uint32ListParam& list, const char*)
 {
     meter.putNumbers(list.values, list.count);
+}
+
+[[gnu::noinline]] void putVehicleList(CarefulWriter& out, Uint32ListParam& list, const char* name)
+{
+    putVehicleList<CarefulWriter>(out, list, name);
 }
 
 /* What stands behind the identifier and the name of each component. */
@@ -548,6 +601,19 @@ KORVANE_ALWAYS_INLINE void putBody(Out& out, Component& record)
     putFields(out, record);
 }
 
+/** The same with a check of every slot. */
+template <typename Component> void putBodyOf(CarefulWriter& out, void* record)
+{
+    putBody(out, *static_cast<Component*>(record));
+}
+
+[[gnu::noinline]] void marshalBody(void (*put)(CarefulWriter& out, void* record), void* record,
+                                   MarshalIo* mio)
+{
+    CarefulWriter out(mio);
+    put(out, record);
+}
+
 enum class ComponentKind : std::uint8_t
 {
     Singleton, ///< begins with a presence flag
@@ -567,7 +633,7 @@ KORVANE_FOR_EACH_COMPONENT(KORVANE_DEFINE_TRAITS)
 
 #undef KORVANE_DEFINE_TRAITS
 
-/** A component as MarshalingByComponentType() writes it. */
+/** A component as MarshalingByComponentType() writes it when nothing is traced. */
 template <typename Out, typename Component>
 KORVANE_ALWAYS_INLINE void putComponent(Out& out, Component& record)
 {
@@ -579,63 +645,45 @@ KORVANE_ALWAYS_INLINE void putComponent(Out& out, Component& record)
             return;
         }
     }
-    KORVANE_LOG_VALUE(out, IAP2_LOG_DEBUG, "Marshaling %s", Traits<Component>::name);
     putBody(out, record);
 }
 
-struct WholeComponent
-{
-    template <typename Out, typename Component> void operator()(Out& out, Component& record) const
-    {
-        putComponent(out, record);
-    }
-};
-
-struct BodyAlone
-{
-    template <typename Out, typename Component> void operator()(Out& out, Component& record) const
-    {
-        putBody(out, record);
-    }
-};
-
-/** SlotWriter as functions: whoever checks every slot and traces every value is in no hurry. */
-class CarefulWriter : public SlotWriter
-{
-public:
-    using SlotWriter::SlotWriter;
-
-    template <typename Value> [[gnu::noinline]] void put(Value value)
-    {
-        SlotWriter::put(value);
-    }
-    template <typename Value, std::size_t count>
-    [[gnu::noinline]] void putEach(const Value (&values)[count])
-    {
-        SlotWriter::putEach(values);
-    }
-    [[gnu::noinline]] void putBytes(const void* bytes, std::uint32_t length)
-    {
-        SlotWriter::putBytes(bytes, length);
-    }
-};
-
-/** Writes records with a check of every slot, and traces what is traced. */
-template <typename Put, typename Component>
-[[gnu::cold, gnu::noinline]] void marshalCarefully(Component* records, std::uint32_t count,
-                                                   MarshalIo* mio)
+/** marshalCarefully() of components of any type: one copy for all. */
+[[gnu::cold, gnu::noinline]] void marshalAnyCarefully(void* records, std::uint32_t count,
+                                                      MarshalIo* mio, std::size_t size,
+                                                      ComponentKind kind, const char* name,
+                                                      void (*put)(CarefulWriter& out, void* record))
 {
     CarefulWriter out(mio);
-    for (std::uint32_t i = 0; i < count; ++i)
+    auto* record = static_cast<std::uint8_t*>(records);
+    for (std::uint32_t i = 0; i < count; ++i, record += size)
     {
-        Put()(out, records[i]);
+        if (kind == ComponentKind::Singleton)
+        {
+            const std::uint8_t present = *record; // the first field of all that have it
+            out.put(present);
+            if (present != kPresent)
+            {
+                continue;
+            }
+        }
+        KORVANE_LOG_VALUE(out, IAP2_LOG_DEBUG, "Marshaling %s", name);
+        put(out, record);
     }
 }
 
-/** Writes records without a check of every slot, for as long as they let themselves be written so. */
-template <typename Put, typename Component>
-[[gnu::always_inline, gnu::flatten]] inline void marshal(Component* records, std::uint32_t count,
-                                                         MarshalIo* mio)
+/** Writes components with a check of every slot, and traces what is traced. */
+template <typename Component>
+[[gnu::cold, gnu::noinline]] void marshalCarefully(Component* records, std::uint32_t count,
+                                                   MarshalIo* mio)
+{
+    marshalAnyCarefully(records, count, mio, sizeof(Component), Traits<Component>::kind,
+                        Traits<Component>::name, putBodyOf<Component>);
+}
+
+/** Writes components without a check of every slot, as long as they let themselves be written so. */
+template <typename Component>
+KORVANE_ALWAYS_INLINE void marshal(Component* records, std::uint32_t count, MarshalIo* mio)
 {
     std::uint8_t* data = mio->data;
     std::size_t room = mio->dataAvail;
@@ -645,15 +693,15 @@ template <typename Put, typename Component>
         SlotMeter meter(data, room);
         meter.refuseIf(isTraced);
         meter.refuseIf(meter.reachesIntoRoom(&records[i], sizeof records[i]));
-        Put()(meter, records[i]);
+        putComponent(meter, records[i]);
         if (__builtin_expect(meter.isRefused(), 0))
         {
             mio->data = data;
             mio->dataAvail = room;
-            return marshalCarefully<Put>(records + i, count - i, mio);
+            return marshalCarefully(records + i, count - i, mio);
         }
         QuietWriter out(data);
-        Put()(out, records[i]);
+        putComponent(out, records[i]);
         room -= static_cast<std::size_t>(out.end() - data);
         data = out.end();
     }
@@ -661,12 +709,25 @@ template <typename Put, typename Component>
     mio->dataAvail = room;
 }
 
+/** Writes whole components. What it inlines is large, and there is one copy of it for each component. */
+template <typename Component>
+[[gnu::noinline, gnu::flatten]] void marshalWhole(void* records, std::uint32_t count,
+                                                  MarshalIo* mio)
+{
+    if constexpr (Traits<Component>::kind == ComponentKind::Singleton)
+    {
+        count = 1; // does without the loop
+    }
+    marshal(static_cast<Component*>(records), count, mio);
+}
+
 } // namespace
 
-#define KORVANE_DEFINE_COMPONENT(Component, kind)                                                  \
-    extern "C" [[gnu::flatten]] void MarshalingFor##Component(Component* record, MarshalIo* mio)   \
+// A body alone is written by few, and never in a hurry: one copy that checks every slot will do.
+#define KORVANE_DEFINE_COMPONENT(Component, sending)                                               \
+    extern "C" void MarshalingFor##Component(Component* record, MarshalIo* mio)                    \
     {                                                                                              \
-        marshal<BodyAlone>(record, 1, mio);                                                        \
+        marshalBody(putBodyOf<Component>, record, mio);                                            \
     }
 
 KORVANE_FOR_EACH_COMPONENT(KORVANE_DEFINE_COMPONENT)
@@ -676,30 +737,36 @@ KORVANE_FOR_EACH_COMPONENT(KORVANE_DEFINE_COMPONENT)
 namespace
 {
 
-template <typename Component> [[gnu::flatten]] void marshalOne(void* record, MarshalIo* mio)
+enum ComponentNumber : std::uint32_t
 {
-    marshal<WholeComponent>(static_cast<Component*>(record), 1, mio);
-}
-
-template <typename Component>
-[[gnu::flatten]] void marshalList(void* records, std::uint32_t count, MarshalIo* mio)
-{
-    marshal<WholeComponent>(static_cast<Component*>(records), count, mio);
-}
-
-struct ComponentRow
-{
-    void (*marshal)(void* record, MarshalIo* mio);
-    void (*marshalList)(void* records, std::uint32_t count, MarshalIo* mio); ///< null: no list kind
+#define KORVANE_COMPONENT_NUMBER(Component, sending) Component##Number,
+    KORVANE_FOR_EACH_COMPONENT(KORVANE_COMPONENT_NUMBER) componentCount
+#undef KORVANE_COMPONENT_NUMBER
 };
 
-#define KORVANE_COMPONENT_ROW(Component, sending)                                                  \
-    {marshalOne<Component>,                                                                        \
-     ComponentKind::sending == ComponentKind::List ? marshalList<Component> : nullptr},
+bool isSentInLists(std::uint32_t number)
+{
+#define KORVANE_LIST_BIT(Component, sending)                                                       \
+    | std::uint32_t{ComponentKind::sending == ComponentKind::List} << Component##Number
+    constexpr std::uint32_t lists = 0 KORVANE_FOR_EACH_COMPONENT(KORVANE_LIST_BIT);
+#undef KORVANE_LIST_BIT
+    return number < componentCount && (lists >> number & 1) != 0;
+}
 
-constexpr ComponentRow kComponents[] = {KORVANE_FOR_EACH_COMPONENT(KORVANE_COMPONENT_ROW)};
-
-#undef KORVANE_COMPONENT_ROW
+/** Writes whole components. A switch and no table of functions, which the loader would have to fill. */
+void marshalByNumber(std::uint32_t number, void* records, std::uint32_t count, MarshalIo* mio)
+{
+    switch (number)
+    {
+#define KORVANE_COMPONENT_CASE(Component, sending)                                                 \
+    case Component##Number:                                                                        \
+        return marshalWhole<Component>(records, count, mio);
+        KORVANE_FOR_EACH_COMPONENT(KORVANE_COMPONENT_CASE)
+#undef KORVANE_COMPONENT_CASE
+    default:
+        KORVANE_LOG(IAP2_LOG_WARNING, "not defined type !!");
+    }
+}
 
 } // namespace
 
@@ -717,12 +784,7 @@ void MarshalingByComponentType(void* inData, MarshalIo* mio, uint32_t number)
         KORVANE_LOG(IAP2_LOG_ERROR, "%s Error : %s", "MarshalingByComponentType", "inData is NULL");
         return;
     }
-    if (number >= std::size(kComponents))
-    {
-        KORVANE_LOG(IAP2_LOG_WARNING, "not defined type !!");
-        return;
-    }
-    kComponents[number].marshal(inData, mio);
+    marshalByNumber(number, inData, 1, mio);
 }
 
 void MarshalingByComponentListType(void* inData, MarshalIo* mio, int32_t number)
@@ -740,7 +802,7 @@ void MarshalingByComponentListType(void* inData, MarshalIo* mio, int32_t number)
         return;
     }
     const auto index = static_cast<std::uint32_t>(number); // a negative number is far too large
-    if (index >= std::size(kComponents) || kComponents[index].marshalList == nullptr)
+    if (!isSentInLists(index))
     {
         KORVANE_LOG(IAP2_LOG_WARNING, "not defined type !!");
         return;
@@ -749,7 +811,7 @@ void MarshalingByComponentListType(void* inData, MarshalIo* mio, int32_t number)
     SlotWriter(mio).put(list.count);
     if (list.components != nullptr)
     {
-        kComponents[index].marshalList(list.components, list.count, mio);
+        marshalByNumber(index, list.components, list.count, mio);
     }
 }
 

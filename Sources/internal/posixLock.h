@@ -17,24 +17,30 @@ struct IAP2_CAPABILITY("mutex") PosixMutex
     pthread_mutex_t posix;
 };
 
-/** Holds the mutex for as long as this object lives; a thread that is cancelled lets it go. */
-class IAP2_SCOPED_CAPABILITY ScopedPosixLock
+/**
+ * Holds a mutex for as long as this object lives; a thread that is cancelled lets it go.
+ *
+ * `Mutex` is PosixMutex, or a public class's own equal of it.
+ */
+template <typename Mutex> class IAP2_SCOPED_CAPABILITY ScopedLock
 {
 public:
-    explicit ScopedPosixLock(PosixMutex& mutex) IAP2_ACQUIRE(mutex) : mMutex(mutex)
+    explicit ScopedLock(Mutex& mutex) IAP2_ACQUIRE(mutex) : mMutex(mutex)
     {
         pthread_mutex_lock(&mMutex.posix);
     }
-    ~ScopedPosixLock() IAP2_RELEASE()
+    ~ScopedLock() IAP2_RELEASE()
     {
         pthread_mutex_unlock(&mMutex.posix);
     }
-    ScopedPosixLock(const ScopedPosixLock&) = delete;
-    ScopedPosixLock& operator=(const ScopedPosixLock&) = delete;
+    ScopedLock(const ScopedLock&) = delete;
+    ScopedLock& operator=(const ScopedLock&) = delete;
 
 private:
-    PosixMutex& mMutex;
+    Mutex& mMutex;
 };
+
+using ScopedPosixLock = ScopedLock<PosixMutex>;
 
 } // namespace korvane::internal
 

@@ -2,8 +2,10 @@
  * Reporting at the call site.
  *
  * The source file and line are part of every trace line, so these are macros and a report stands
- * where its condition is tested. The level is tested here, before the call, so that a suppressed
- * report costs a load and a compare, and its arguments are not even evaluated.
+ * where its condition is tested. Below the level of errors the level is tested here, before the call,
+ * so that a suppressed report costs a load and a compare, and its arguments are not even evaluated.
+ * Errors are far more sites than anything else and are seldom suppressed: one function behind all of
+ * them tests the level, and a site takes half the instructions.
  */
 #ifndef KORVANE_INTERNAL_REPORT_H
 #define KORVANE_INTERNAL_REPORT_H
@@ -13,11 +15,25 @@
 #include "internal/errnoText.h"
 #include "internal/logLevel.h"
 
-/** Writes one line at `level`; the message is a printf format with its arguments. */
+extern "C" {
+#pragma GCC visibility push(hidden)
+
+/** logPrint() for the library's own errors: their level and tag are the same everywhere. */
+[[gnu::cold, gnu::format(printf, 3, 4)]] void korvaneReportError(const char* path, int line,
+                                                                 const char* format, ...);
+
+#pragma GCC visibility pop
+}
+
+/** Writes one line at `level`, a constant; the message is a printf format with its arguments. */
 #define KORVANE_LOG(level, ...)                                                                    \
     do                                                                                             \
     {                                                                                              \
-        if (korvane::internal::isLevelPrinted(level))                                              \
+        if constexpr ((level) == IAP2_LOG_ERROR)                                                   \
+        {                                                                                          \
+            korvaneReportError(__FILE__, __LINE__, __VA_ARGS__);                                   \
+        }                                                                                          \
+        else if (korvane::internal::isLevelPrinted(level))                                         \
         {                                                                                          \
             logPrint(level, "IAP2", __FILE__, __LINE__, __VA_ARGS__);                              \
         }                                                                                          \

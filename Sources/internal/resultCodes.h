@@ -10,6 +10,7 @@ namespace korvane::internal
 constexpr std::int32_t kSuccess = 0;
 constexpr std::int32_t kArgumentMissing = -6705; ///< null, or empty
 constexpr std::int32_t kAllocationFailed = -6728;
+constexpr std::int32_t kOutputTooSmall = -6743;
 constexpr std::int32_t kOutOfRange = -6751;
 
 } // namespace korvane::internal

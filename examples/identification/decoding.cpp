@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include <korvane/iAp2LogUtil.h>
 #include <korvane/iAp2Marshal.h>
 #include <korvane/iAP2Utils.h>
 
@@ -112,6 +113,8 @@ public:
         {
             throw DecodingError(place, "has " + std::to_string(length) + " bytes");
         }
+        logPrint(IAP2_LOG_INFO, "IAP2", __FILE__, __LINE__, "%s [%s] (secured)", place.c_str(),
+                 secured(value).c_str());
     }
 
     void requireEnd() const

@@ -1,4 +1,5 @@
 #include <csignal>
+#include <cstdio>
 #include <new>
 #include <string>
 #include <vector>
@@ -40,6 +41,9 @@ ExitCode run(const std::vector<std::string>& arguments)
 int main(int argc, char** argv)
 {
     reserveStandardDescriptors();
+    // Standard output is the table's. What the queued log has to say about itself, it prints by way of
+    // this variable of the C library.
+    stdout = stderr;
     // Whoever stops reading is noticed where it is written.
     std::signal(SIGPIPE, SIG_IGN);
     try

@@ -11,10 +11,12 @@
 #include <utility>
 #include <vector>
 
+#include <korvane/iAp2LogUtil.h>
 #include <korvane/iAp2Marshal.h>
 #include <korvane/utils.h>
 
 #include "failures.h"
+#include "show.h"
 
 namespace identification
 {
@@ -113,15 +115,15 @@ private:
     static void fill(BluetoothTransportComponent& record, const BluetoothTransport& component)
     {
         record.value = component.value;
-        CmdSaveParam param{};
-        const std::int32_t result =
-            changeStringToByteArrayForMacAddr(&param, component.macAddress.digits.c_str());
-        if (result != 0)
+        // The description's reader has let through nothing but twelve digits.
+        if (changeStringToByteArrayForBtMacAddr(record.macAddress,
+                                                component.macAddress.digits.c_str()) != 0)
         {
             throw SystemError("a MAC address could not be stored");
         }
-        const std::unique_ptr<std::uint8_t, GuardedRelease> bytes(param.value);
-        std::memcpy(record.macAddress, bytes.get(), sizeof record.macAddress);
+        logPrint(IAP2_LOG_INFO, "IAP2", __FILE__, __LINE__,
+                 "Bluetooth transport %u: MAC address [%s] (secured)", unsigned{record.identifier},
+                 secured(component.macAddress).c_str());
     }
 
     static void fill(iAP2HIDComponent& record, const Hid& component)

@@ -16,6 +16,8 @@
 #include "comparison.h"
 #include "decoding.h"
 #include "files.h"
+#include "outputWorker.h"
+#include "progress.h"
 #include "report.h"
 #include "senderComponent.h"
 #include "text.h"
@@ -112,8 +114,8 @@ Transaction runSender(SenderComponent& component, int socket, const Description&
 ExitCode runReader(int socket, const Description& sent, const Options& options, int output)
 {
     const Transaction transaction = receiveTransaction(socket);
-    logPrint(IAP2_LOG_INFO, "IAP2", __FILE__, __LINE__, "reader[%d]: received %zu bytes", getpid(),
-             transaction.size());
+    const ProgressLog log(options.level); // not before the sender has become silent
+    sayProgress("reader", "received " + std::to_string(transaction.size()) + " bytes");
     const Decoded decoded = decodeIdentification(transaction);
     std::vector<Difference> differences;
     if (decoded.failure.has_value())
@@ -124,8 +126,18 @@ ExitCode runReader(int socket, const Description& sent, const Options& options, 
     {
         differences = compare(sent, decoded.description);
     }
-    logPrint(differences.empty() ? IAP2_LOG_INFO : IAP2_LOG_ERROR, "IAP2", __FILE__, __LINE__,
-             "reader[%d]: differences from what was sent: %zu", getpid(), differences.size());
+    const std::string result =
+        "differences from what was sent: " + std::to_string(differences.size());
+    if (differences.empty())
+    {
+        sayProgress("reader", result);
+    }
+    awaitProgress();
+    if (!differences.empty())
+    {
+        logPrint(IAP2_LOG_ERROR, "IAP2", __FILE__, __LINE__, "reader[%d]: %s", getpid(),
+                 result.c_str());
+    }
 
     std::string text;
     if (!options.quiet)
@@ -174,8 +186,9 @@ ExitCode identify(const Description& description, const Options& options)
     readersEnd.reset();
     // Closed before the reader is waited for, whatever happens: it ends when nobody sends.
     UniqueFd socket = std::move(sendersEnd);
-    // Its thread must not exist before the fork, which would copy whatever that thread has locked.
-    // It ends behind the reader, and so do its last traces.
+    // Their threads must not exist before the fork, which would copy whatever a thread has locked.
+    // They end behind the reader, and so do their last traces.
+    const ProgressLog log(options.level);
     SenderComponent component;
     Transaction transaction;
     try
@@ -190,13 +203,13 @@ ExitCode identify(const Description& description, const Options& options)
         throw;
     }
     const ExitCode verdict = readersVerdict(reader.wait());
-    logPrint(IAP2_LOG_INFO, "IAP2", __FILE__, __LINE__, "sender[%d]: the reader ended with %d",
-             getpid(), static_cast<int>(verdict));
+    sayProgress("sender", "the reader ended with " + std::to_string(static_cast<int>(verdict)));
     if (verdict == kSame && options.output.has_value())
     {
-        replaceFile(*options.output, {reinterpret_cast<const char*>(transaction.payload()),
+        writeOutput(*options.output, {reinterpret_cast<const char*>(transaction.payload()),
                                       transaction.payloadSize});
     }
+    awaitProgress(); // before the handler's end is traced
     return verdict;
 }
 

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <new>
 #include <stdexcept>
+#include <string>
 #include <thread>
 
 #include <unistd.h>
@@ -13,6 +14,7 @@
 
 #include "failures.h"
 #include "files.h"
+#include "progress.h"
 #include "records.h"
 #include "transport.h"
 
@@ -131,8 +133,7 @@ void SenderComponent::marshal(iAP2MsgData* data)
                 throw std::logic_error("nothing was described");
             }
             auto* const transaction = static_cast<Transaction*>(data->pParam1);
-            logPrint(IAP2_LOG_INFO, "IAP2", __FILE__, __LINE__,
-                     "sender[%d]: marshals the components", getpid());
+            sayProgress("sender", "marshals the components");
             *transaction = marshalIdentification(*mDescription);
             mTransaction = transaction;
         });
@@ -148,8 +149,8 @@ void SenderComponent::send(iAP2MsgData* data)
                 throw std::logic_error("nothing was marshalled");
             }
             const std::size_t size = mTransaction->size();
-            logPrint(IAP2_LOG_INFO, "IAP2", __FILE__, __LINE__, "sender[%d]: sends %zu bytes",
-                     getpid(), size);
+            sayProgress("sender", "sends " + std::to_string(size) + " bytes");
+            awaitProgress(); // from here on the reader speaks
             sendTransaction(static_cast<int>(data->dParam1), *mTransaction);
             mAnswer.sentBytes = size;
         });

@@ -9,6 +9,8 @@
 #include <string>
 #include <type_traits>
 
+#include <korvane/iAP2Utils.h>
+
 #include "description.h"
 #include "text.h"
 
@@ -27,12 +29,8 @@ template <typename Type> std::string show(const Type& value, std::size_t limit =
     }
     else if constexpr (std::is_same_v<Type, MacAddress>)
     {
-        std::string result = value.digits;
-        for (std::size_t at = 2; at < result.size(); at += 3)
-        {
-            result.insert(at, ":");
-        }
-        return result;
+        // Without any digits, as a damaged payload may have it, the trace would be an error.
+        return value.digits.empty() ? "" : insertColonIntoMacAddress(value.digits);
     }
     else if constexpr (IsOptional<Type>::value)
     {
@@ -51,6 +49,12 @@ template <typename Type> std::string show(const Type& value, std::size_t limit =
     {
         return std::to_string(value);
     }
+}
+
+/** The address as traces may show it: not readable at a glance. */
+inline std::string secured(const MacAddress& address)
+{
+    return getSecuredString(show(address));
 }
 
 } // namespace identification

@@ -1,5 +1,7 @@
 #include "transport.h"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
@@ -9,6 +11,8 @@
 #include <sys/socket.h>
 #include <sys/types.h>
 
+#include <korvane/ByteArray.h>
+
 #include "failures.h"
 
 namespace identification
@@ -17,19 +21,22 @@ namespace identification
 namespace
 {
 
-/** Up to `size` bytes; fewer only where the peer has ended the connection. */
-std::size_t receiveUpTo(int socket, std::uint8_t* bytes, std::size_t size)
+/** Adds up to `size` bytes; fewer only where the peer has ended the connection. */
+std::size_t receiveUpTo(int socket, IAP2::ByteArray& bytes, std::size_t size)
 {
+    std::array<char, 1024> piece;
     std::size_t received = 0;
     while (received < size)
     {
-        const ssize_t count = recv(socket, bytes + received, size - received, 0);
+        const ssize_t count =
+            recv(socket, piece.data(), std::min(size - received, piece.size()), 0);
         if (count == 0)
         {
             break;
         }
         if (count > 0)
         {
+            bytes.append(piece.data(), static_cast<int>(count));
             received += static_cast<std::size_t>(count);
         }
         else if (errno != EINTR)
@@ -40,7 +47,7 @@ std::size_t receiveUpTo(int socket, std::uint8_t* bytes, std::size_t size)
     return received;
 }
 
-void receiveAll(int socket, std::uint8_t* bytes, std::size_t size, const char* what)
+void receiveAll(int socket, IAP2::ByteArray& bytes, std::size_t size, const char* what)
 {
     const std::size_t received = receiveUpTo(socket, bytes, size);
     if (received != size)
@@ -76,25 +83,33 @@ void sendTransaction(int socket, const Transaction& transaction)
 
 Transaction receiveTransaction(int socket)
 {
-    Transaction transaction;
-    receiveAll(socket, transaction.bytes.data(), IAP2_TXN_PAYLOAD_OFFSET, "header");
+    IAP2::ByteArray received;
+    receiveAll(socket, received, IAP2_TXN_PAYLOAD_OFFSET, "header");
 
     std::uint32_t length = 0;
-    std::memcpy(&length, transaction.bytes.data() + IAP2_TXN_LENGTH_OFFSET, sizeof length);
+    std::memcpy(&length, received.constData() + IAP2_TXN_LENGTH_OFFSET, sizeof length);
     if (length > kPayloadCapacity)
     {
         throw SystemError("the header announces " + std::to_string(length) +
                           " bytes, more than the " + std::to_string(kPayloadCapacity) +
                           " that a payload can have");
     }
-    receiveAll(socket, transaction.bytes.data() + IAP2_TXN_PAYLOAD_OFFSET, length, "payload");
-    transaction.payloadSize = length;
+    if (length > 1) // the capacity is one more than the content, and only more may be asked for
+    {
+        received.reserve(static_cast<int>(IAP2_TXN_PAYLOAD_OFFSET + length));
+    }
+    receiveAll(socket, received, length, "payload");
 
-    std::uint8_t further = 0;
-    if (receiveUpTo(socket, &further, sizeof further) != 0)
+    IAP2::ByteArray further;
+    if (receiveUpTo(socket, further, 1) != 0)
     {
         throw SystemError("something follows the payload of " + std::to_string(length) + " bytes");
     }
+
+    Transaction transaction;
+    std::memcpy(transaction.bytes.data(), received.constData(),
+                static_cast<std::size_t>(received.length()));
+    transaction.payloadSize = length;
     return transaction;
 }
 

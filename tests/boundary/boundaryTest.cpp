@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <pthread.h>
@@ -14,6 +15,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <korvane/ByteArray.h>
 #include <korvane/iAP2ExtLog.h>
 #include <korvane/iAp2LogUtil.h>
 #include <korvane/iAp2Marshal.h>
@@ -25,8 +27,8 @@
 #include "cClient.h"
 #include "TraceRecorder.h"
 
-#if !defined(__OPTIMIZE__) || defined(IAP2_MARSHAL_NO_INLINE)
-#error "this file is compiled for the inline forms of the typed operations"
+#if !defined(__OPTIMIZE__) || defined(IAP2_MARSHAL_NO_INLINE) || defined(IAP2_BYTEARRAY_NO_INLINE)
+#error "this file is compiled for the inline forms"
 #endif
 
 namespace
@@ -351,6 +353,92 @@ int callsOfTypedOperations(const std::string& name)
     }
 
 IAP2_MARSHAL_FOR_EACH_TYPE(KORVANE_TEST_INLINE_FORM)
+
+/* ---- Queued log ---- */
+
+TEST_F(BoundaryTest, QueueHead_WhenAClientNamesIt_IsTheLibrarysOwn)
+{
+    // The library stores the address of the field as it sees it.
+    EXPECT_EQ(iAp2ExternelLogWriteAddQueue(IAP2_LOG_INFO, "text", 4), 0);
+    EXPECT_EQ(my_tailq_head_iAP2.tqh_last, &my_tailq_head_iAP2.tqh_first);
+}
+
+TEST_F(BoundaryTest, QueuedLog_WhenTextsAreQueued_HandsThemOnInTheirOrder)
+{
+    support::LineCounter lines("queued");
+    ASSERT_EQ(iAp2ExternelLogWriteInit(), 0);
+    for (const char* text : {"queued 1", "queued 2", "queued 3"})
+    {
+        EXPECT_EQ(iAp2ExternelLogWriteAddQueue(IAP2_LOG_ERROR, text, std::strlen(text)), 0);
+    }
+    lines.waitFor(3);
+    const std::vector<support::Trace> traces = support::takeTraces();
+    ASSERT_EQ(traces.size(), 3U);
+    EXPECT_EQ(traces[0].text, "queued 1");
+    EXPECT_EQ(traces[1].text, "queued 2");
+    EXPECT_EQ(traces[2].text, "queued 3");
+    EXPECT_EQ(traces[2].severity, 192);
+
+    // At once, or when the writer looks the next time.
+    iAp2ExternelLogWriteAddQueue(IAP2_LOG_ERROR, "queued 4", 8);
+    lines.waitFor(4);
+    iAp2ExternelLogWriteStop();
+}
+
+/* ---- Byte array ---- */
+
+TEST_F(BoundaryTest, ByteArray_WhenItsLifeIsFollowed_TakesOneBlockForEachBuffer)
+{
+    char bytes[] = "abcdefgh";
+    std::size_t before = allocationCount();
+    const auto taken = [&before]
+    {
+        const std::size_t now = allocationCount();
+        return now - std::exchange(before, now);
+    };
+    IAP2::ByteArray array;
+    EXPECT_EQ(taken(), 1U);
+    array.append(bytes, 8);
+    EXPECT_EQ(taken(), 1U);
+    array.append('i');
+    EXPECT_EQ(taken(), 1U);
+    array.reserve(2000);
+    EXPECT_EQ(taken(), 1U);
+    for (int i = 0; i < 100; ++i)
+    {
+        array.append(bytes, 8).append(bytes).append('i');
+    }
+    array.resize(9);
+    EXPECT_EQ(taken(), 0U);
+    IAP2::ByteArray copy(array);
+    EXPECT_EQ(taken(), 1U);
+    const IAP2::ByteArray slice = array.mid(1, 4);
+    EXPECT_EQ(taken(), 1U);
+    copy = slice;
+    EXPECT_EQ(taken(), 1U);
+    copy = std::move(array);
+    EXPECT_EQ(taken(), 0U);
+    EXPECT_EQ(copy.length(), 9);
+    copy.clear();
+    EXPECT_EQ(taken(), 1U);
+    copy.resize(2);
+    EXPECT_EQ(taken(), 1U);
+    copy.clear();
+    EXPECT_EQ(taken(), 0U);
+    EXPECT_THAT(takeMessages(), IsEmpty());
+    array = copy; // NOLINT(bugprone-use-after-move): so that it ends silently
+}
+
+TEST_F(BoundaryTest, ByteArray_WhenThereIsNoBuffer_NamesItsSource)
+{
+    {
+        IAP2::ByteArray none(nullptr, 0);
+    }
+    const std::vector<support::Trace> traces = takeTraces();
+    ASSERT_EQ(traces.size(), 2U);
+    EXPECT_EQ(support::columnsOf(traces[0].text).file, "ByteArray.cpp");
+    EXPECT_EQ(support::columnsOf(traces[1].text).file, "ByteArray.cpp");
+}
 
 /* ---- Every exported function, from C ---- */
 

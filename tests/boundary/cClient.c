@@ -3,6 +3,7 @@
 #include <stddef.h>
 #include <stdint.h>
 #include <string.h>
+#include <sys/queue.h>
 
 #include <korvane/iAP2ExtLog.h>
 #include <korvane/iAp2LogUtil.h>
@@ -30,12 +31,72 @@ static const char* checkLog(void)
     return "";
 }
 
+static const char* checkQueuedLog(void)
+{
+    static const char text[] = "queued from C";
+    struct iAP2LogItem item = {IAP2_LOG_INFO, NULL, {NULL, NULL}};
+    struct iAP2LogQueue queue;
+
+    iAP2initExternelLog();
+    iAP2initExternelLogModelDefs();
+    CHECK(iAp2ExternelLogWriteAddQueue(IAP2_LOG_INFO, text, sizeof text - 1) == 0);
+    CHECK(TAILQ_EMPTY(&my_tailq_head_iAP2));
+    TAILQ_INIT(&queue); /* the same types: the library's own queue may still be looked at */
+    TAILQ_INSERT_TAIL(&queue, &item, entries);
+    CHECK(TAILQ_LAST(&queue, iAP2LogQueue) == &item);
+    TAILQ_REMOVE(&queue, &item, entries);
+    CHECK(TAILQ_EMPTY(&queue));
+    CHECK(iAp2ExternelLogWriteInit() == 0);
+    CHECK(iAp2ExternelLogWriteAddQueue(IAP2_LOG_INFO, text, sizeof text - 1) == 0);
+    iAp2ExternelLogWriteStop();
+    CHECK(TAILQ_EMPTY(&my_tailq_head_iAP2));
+    iAP2TerminateExternelLog();
+    iAP2TerminateExternelLogModelDefs();
+    return "";
+}
+
 static const char* checkMemory(void)
 {
     char* const area = (char*)iAP2_malloc(4);
     CHECK(area != NULL);
     CHECK(area[0] == 0 && area[3] == 0);
     iAP2_free(area);
+    return "";
+}
+
+static const char* checkLists(void)
+{
+    int first = 1;
+    int second = 2;
+    ListNode* head = NULL;
+    ListNode* tail = NULL;
+    const bool freeData = false;
+
+    listInitNode(&head, &tail);
+    CHECK(head != NULL && tail != NULL && head->next == tail && tail->prev == head);
+    CHECK(listInsertDataBeforeNode(head, tail, &second, tail) == 1);
+    CHECK(listInsertDataAfterNode(head, tail, &first, head) == 1);
+    CHECK(listGetNodeCount(head, tail) == 2);
+    CHECK(listFindNodeWithData(head, tail, &first) == head->next);
+    CHECK(listGetNodeBeforeNode(head, tail, tail) == tail->prev);
+    CHECK(listGetDataAfterNode(head, tail, head) == &first);
+    CHECK(listGetDataRemoveNodeAfterNode(head, tail, head) == head->next);
+    CHECK(listGetDataRemoveNodeBeforeNode(head, tail, tail) == &second);
+    CHECK(listDeleteNodeWithData(head, tail, &second) == 0);
+    CHECK(listDeleteNode(head, tail, head->next) == 1);
+    listClearAllNode(head, tail, freeData);
+    listFinalNode(head, tail, freeData);
+
+    head = NULL;
+    tail = NULL;
+    queueInit(&head, &tail);
+    CHECK(queuePut(head, tail, &first) == 1);
+    CHECK(queuePut(head, tail, &second) == 1);
+    CHECK(queueGetCount(head, tail) == 2);
+    CHECK(queueGet(head, tail) == &first);
+    queueClearAll(head, tail, freeData);
+    CHECK(queueGet(head, tail) == NULL);
+    queueFinal(head, tail, freeData);
     return "";
 }
 
@@ -130,7 +191,8 @@ static const char* checkComponents(void)
 
 const char* runCClient(void)
 {
-    const char* (*const checks[])(void) = {checkLog, checkMemory, checkCursor, checkComponents};
+    const char* (*const checks[])(void) = {checkLog,   checkQueuedLog, checkMemory,
+                                           checkLists, checkCursor,    checkComponents};
     size_t i;
     for (i = 0; i < sizeof checks / sizeof checks[0]; ++i)
     {

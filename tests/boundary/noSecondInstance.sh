@@ -1,10 +1,11 @@
 #!/bin/sh
-# Code that uses boxes and lists of the library's own record type has no copy of what they do.
+# Code that uses boxes and lists of the library's own record type, or byte arrays, has no copy of what
+# they do.
 # Usage: noSecondInstance.sh NM OBJECT...
 set -eu
 nm=$1
 shift
-symbols=$("$nm" --demangle "$@" | grep -E 'iAP2(MsgBox|List)<iAP2MsgData>')
+symbols=$("$nm" --demangle "$@" | grep -E 'iAP2(MsgBox|List)<iAP2MsgData>|IAP2::ByteArray::')
 if echo "$symbols" | grep -vE '^ +U '; then
     echo "these belong to the library alone" >&2
     exit 1

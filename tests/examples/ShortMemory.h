@@ -1,5 +1,6 @@
 /**
- * Memory that is short, for all threads. Replaces operator new in every test executable that links it.
+ * Memory that is short, for all threads. Replaces operator new and iAP2_malloc() in every test
+ * executable that links it.
  */
 #ifndef KORVANE_TESTS_SHORTMEMORY_H
 #define KORVANE_TESTS_SHORTMEMORY_H
@@ -14,6 +15,16 @@ public:
     ~ShortMemory();
     ShortMemory(const ShortMemory&) = delete;
     ShortMemory& operator=(const ShortMemory&) = delete;
+};
+
+/** While it lives, iAP2_malloc() has no memory; what the library calls itself is not this one. */
+class NoGuardedMemory
+{
+public:
+    NoGuardedMemory();
+    ~NoGuardedMemory();
+    NoGuardedMemory(const NoGuardedMemory&) = delete;
+    NoGuardedMemory& operator=(const NoGuardedMemory&) = delete;
 };
 
 #endif

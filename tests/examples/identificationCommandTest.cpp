@@ -61,6 +61,23 @@ std::vector<std::string> linesOf(const std::string& text)
     return lines;
 }
 
+/**
+ * The text without the line that the log's writer may leave where its end finds it awake. It can come
+ * between any others.
+ */
+std::string withoutEndOfLog(const std::string& text)
+{
+    std::string result;
+    for (const std::string& line : linesOf(text))
+    {
+        if (line.rfind("iAp2ExternelLogWriteThread() ended!!! mTid[", 0) != 0)
+        {
+            result += line + '\n';
+        }
+    }
+    return result;
+}
+
 /** Every test has a folder of its own. */
 class IdentificationCommand : public testing::Test
 {
@@ -173,7 +190,7 @@ TEST_F(IdentificationCommand, Run_WhenLevelIsDefault_ShowsTracesOfBothProcessesA
     EXPECT_EQ(outcome.exitCode, 0);
     EXPECT_THAT(outcome.out, AllOf(StartsWith("No  Component"), Not(HasSubstr("IAP2"))));
 
-    const std::size_t senderStarts = outcome.err.find(": marshals the components");
+    const std::size_t marshals = outcome.err.find(": marshals the components");
     const std::size_t marshalled = outcome.err.find("ChargingConnector value [5]");
     const std::size_t sent = outcome.err.find("]: sends ");
     const std::size_t received = outcome.err.find("]: received ");
@@ -181,21 +198,23 @@ TEST_F(IdentificationCommand, Run_WhenLevelIsDefault_ShowsTracesOfBothProcessesA
     const std::size_t compared = outcome.err.find("]: differences from what was sent: 0");
     const std::size_t ended = outcome.err.find("]: the reader ended with 0");
     ASSERT_NE(ended, std::string::npos);
-    EXPECT_LT(senderStarts, marshalled);
+    // The progress lines stand anywhere in the block of their process, of which they are the end.
+    EXPECT_LT(marshals, sent);
     EXPECT_LT(marshalled, sent);
     EXPECT_LT(sent, received);
-    EXPECT_LT(received, readBack);
+    EXPECT_LT(sent, readBack);
+    EXPECT_LT(received, compared);
     EXPECT_LT(readBack, compared);
     EXPECT_LT(compared, ended);
 
     // Nothing of the sender's threads stands inside the reader's block.
-    const std::string block = outcome.err.substr(received, compared - received);
+    const std::string block = outcome.err.substr(outcome.err.find('\n', sent), compared - sent);
     EXPECT_THAT(block, AllOf(Not(HasSubstr("sender[")), Not(HasSubstr("iAP2MsgHandler"))));
     const std::size_t end = outcome.err.find("]: ends its handler");
     const std::size_t exit = outcome.err.find("run: exit loop by EVT_LINKLOOP_EXIT");
     EXPECT_LT(ended, end);
     EXPECT_LT(end, exit);
-    EXPECT_THAT(outcome.err, EndsWith("iAP2MsgHandler:~iAP2Thread:join() fail\n"));
+    EXPECT_THAT(withoutEndOfLog(outcome.err), EndsWith("iAP2MsgHandler:~iAP2Thread:join() fail\n"));
     EXPECT_THAT(outcome.err, Not(HasSubstr("Marshaling UARTTransportComponent"))); // level 20
 
     const auto processOf = [&outcome](const std::string& role)
@@ -204,6 +223,61 @@ TEST_F(IdentificationCommand, Run_WhenLevelIsDefault_ShowsTracesOfBothProcessesA
         return outcome.err.substr(at, outcome.err.find(']', at) - at);
     };
     EXPECT_NE(processOf("sender"), processOf("reader"));
+}
+
+TEST_F(IdentificationCommand, Run_WhenProgressIsShown_LeavesStandardOutputToTheTable)
+{
+    const std::vector<std::string> arguments{"--input", IDENTIFICATION_INPUT, "--dump"};
+    std::vector<std::string> silent = arguments;
+    silent.insert(silent.end(), {"--level", "91"});
+    const Outcome outcome = run(arguments);
+    EXPECT_EQ(outcome.exitCode, 0);
+    EXPECT_EQ(outcome.out, run(silent).out);
+    EXPECT_THAT(outcome.err, HasSubstr("iAp2ExternelLogWriteThread() created!!! mTid["));
+
+    const Outcome payload =
+        run({"--input", IDENTIFICATION_INPUT, "--quiet", "--output", "/dev/stdout"});
+    EXPECT_EQ(payload.exitCode, 0);
+    EXPECT_EQ(payload.out.size(), 1068U);
+    EXPECT_THAT(payload.err, HasSubstr("]: writes 1068 bytes to /dev/stdout\n"));
+}
+
+TEST_F(IdentificationCommand, Run_WhenOutputFails_SaysSoBehindTheProgressLines)
+{
+    const std::string missing = (folder / "missing" / "out.bin").string();
+    const Outcome outcome = run({"--input", IDENTIFICATION_INPUT, "--output", missing});
+    EXPECT_EQ(outcome.exitCode, 3);
+    EXPECT_THAT(outcome.err, HasSubstr("]: writes 1068 bytes to " + missing + "\n"));
+    EXPECT_THAT(withoutEndOfLog(outcome.err),
+                EndsWith("identification: " + missing +
+                         ": cannot be written: No such file or directory\n"));
+}
+
+TEST_F(IdentificationCommand, Level_WhenAboveInformation_ShowsNoProgress)
+{
+    EXPECT_THAT(run({"--input", IDENTIFICATION_INPUT, "--level", "40"}).err,
+                HasSubstr("]: received 1140 bytes\n"));
+    // Not even the log itself.
+    EXPECT_EQ(run({"--input", IDENTIFICATION_INPUT, "--level", "91"}).err, "");
+    const Outcome outcome = run({"--input", IDENTIFICATION_INPUT, "--level", "41"});
+    EXPECT_EQ(outcome.exitCode, 0);
+    EXPECT_THAT(outcome.err, AllOf(Not(HasSubstr("sender[")), Not(HasSubstr("reader[")),
+                                   Not(HasSubstr("iAp2ExternelLog"))));
+}
+
+TEST_F(IdentificationCommand, Level_WhenAbove20_ShowsMacAddressesInTheirSecuredFormAlone)
+{
+    const std::vector<std::string> clear{"00:1A:7D:DA:71:13", "001A7DDA7113"};
+    const Outcome usual = run({"--input", IDENTIFICATION_INPUT, "--level", "21"});
+    for (const std::string& address : clear)
+    {
+        EXPECT_THAT(usual.err, Not(HasSubstr(address)));
+    }
+    EXPECT_THAT(usual.err,
+                AllOf(HasSubstr(" Bluetooth transport 10: MAC address [TM=MDA6MUE6N0Q6REE6NzE6M]"),
+                      HasSubstr(" bluetooth[0].macAddress [TM=MDA6MUE6N0Q6REE6NzE6M]")));
+    EXPECT_THAT(run({"--input", IDENTIFICATION_INPUT, "--level", "20"}).err,
+                HasSubstr("MacAddress: [001A7DDA7113], size : [12]"));
 }
 
 /* ---- Options --------------------------------------------------------------------------------- */
@@ -637,7 +711,8 @@ TEST_F(IdentificationCommand, Run_WhenReaderIsKilled_SaysSo)
 
     const Outcome outcome = child.finish();
     EXPECT_EQ(outcome.exitCode, 3);
-    EXPECT_THAT(outcome.err, EndsWith("identification: the reader was ended by signal 9\n"));
+    EXPECT_THAT(withoutEndOfLog(outcome.err),
+                EndsWith("identification: the reader was ended by signal 9\n"));
     EXPECT_FALSE(fs::exists(output));
 }
 

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <new>
 #include <random>
 #include <string>
 #include <thread>
@@ -15,6 +16,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -29,9 +31,11 @@
 #include "records.h"
 #include "report.h"
 #include "roles.h"
+#include "ShortMemory.h"
 #include "show.h"
 #include "SocketPair.h"
 #include "text.h"
+#include "TraceRecorder.h"
 #include "transport.h"
 
 using namespace identification;
@@ -89,6 +93,13 @@ void setPayloadSize(Transaction& transaction, std::size_t size)
     transaction.payloadSize = size;
     const auto length = static_cast<std::uint32_t>(size);
     std::memcpy(transaction.bytes.data() + IAP2_TXN_LENGTH_OFFSET, &length, sizeof length);
+}
+
+Options silent()
+{
+    Options options;
+    options.level = IAP2_LOG_ERROR + 1;
+    return options;
 }
 
 /** Without the traces of what is broken on purpose. */
@@ -299,10 +310,41 @@ TEST_F(Identification, RunReader_WhenBytesWereAlteredOnTheWay_ReportsAndReturnsO
     sendTransaction(sockets.sender.get(), altered);
     const UniqueFd nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
     testing::internal::CaptureStderr();
-    const ExitCode code = runReader(sockets.reader.get(), sent, Options(), nowhere.get());
+    setLogLevel(IAP2_LOG_ERROR);
+    support::takeTraces();
+    const ExitCode code = runReader(sockets.reader.get(), sent, silent(), nowhere.get());
+    EXPECT_THAT(support::takeMessages(), ElementsAre("E reader[" + std::to_string(getpid()) +
+                                                     "]: differences from what was sent: 1"));
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "identification: usbHost.values[1]: sent 1, received 9\n");
     EXPECT_EQ(code, kDifferent);
+}
+
+TEST_F(Identification, RunReader_WhenProgressIsShown_HasSaidItBeforeItPrints)
+{
+    const Description sent = shipped();
+    SocketPair sockets;
+    sendTransaction(sockets.sender.get(), marshalIdentification(sent));
+    std::array<int, 2> ends{};
+    ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+    const UniqueFd readEnd(ends[0]);
+    const UniqueFd writeEnd(ends[1]);
+    std::vector<std::string> lines;
+    bool isPrinted = false;
+    support::onTrace(
+        [&](const std::string& text) // on the log's thread, for everything else is silent
+        {
+            lines.push_back(text);
+            pollfd output{readEnd.get(), POLLIN, 0};
+            constexpr int whileNothingHappens = 200; // milliseconds
+            isPrinted = isPrinted || poll(&output, 1, whileNothingHappens) != 0;
+        });
+    EXPECT_EQ(runReader(sockets.reader.get(), sent, Options(), writeEnd.get()), kSame);
+    support::onTrace({});
+    const std::string role = "reader[" + std::to_string(getpid()) + "]: ";
+    EXPECT_THAT(lines, ElementsAre(role + "received 1140 bytes",
+                                   role + "differences from what was sent: 0"));
+    EXPECT_FALSE(isPrinted);
 }
 
 TEST_F(Identification, RunReader_WhenItCannotReadOn_ReportsAndDumpsUpToThere)
@@ -317,7 +359,7 @@ TEST_F(Identification, RunReader_WhenItCannotReadOn_ReportsAndDumpsUpToThere)
     ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
     const UniqueFd readEnd(ends[0]);
     UniqueFd writeEnd(ends[1]);
-    Options options;
+    Options options = silent();
     options.dump = true;
     testing::internal::CaptureStderr();
     const ExitCode code = runReader(sockets.reader.get(), sent, options, writeEnd.get());
@@ -343,7 +385,7 @@ TEST_F(Identification, RunReader_WhenSenderEndsEarly_Throws)
     const Description sent;
     try
     {
-        runReader(sockets.reader.get(), sent, Options(), STDOUT_FILENO);
+        runReader(sockets.reader.get(), sent, silent(), STDOUT_FILENO);
         FAIL();
     }
     catch (const SystemError& error)
@@ -430,6 +472,38 @@ TEST_F(Identification, Receive_WhenPiecesAreSmallAndSignalsInterrupt_GetsEveryth
     EXPECT_EQ(received.bytes, transaction.bytes);
 }
 
+TEST_F(Identification, Receive_WhenAnyLengthIsAnnounced_GetsItWithoutAReport)
+{
+    setLogLevel(IAP2_LOG_VERBOSE);
+    support::takeTraces();
+    for (const std::size_t size : {std::size_t{0}, std::size_t{1}, std::size_t{2}, std::size_t{951},
+                                   std::size_t{952}, std::size_t{953}, kPayloadCapacity})
+    {
+        Transaction transaction;
+        for (std::size_t i = 0; i < size; ++i)
+        {
+            transaction.bytes[IAP2_TXN_PAYLOAD_OFFSET + i] = static_cast<std::uint8_t>(i * 11);
+        }
+        setPayloadSize(transaction, size);
+        SocketPair sockets;
+        sendTransaction(sockets.sender.get(), transaction);
+        const Transaction received = receiveTransaction(sockets.reader.get());
+        EXPECT_EQ(received.payloadSize, size);
+        EXPECT_EQ(received.bytes, transaction.bytes);
+        EXPECT_THAT(support::takeMessages(), IsEmpty()) << size;
+    }
+}
+
+TEST_F(Identification, Receive_WhenMemoryIsShort_ThrowsBadAlloc)
+{
+    Transaction transaction;
+    setPayloadSize(transaction, kPayloadCapacity);
+    SocketPair sockets;
+    sendTransaction(sockets.sender.get(), transaction);
+    const ShortMemory limit(kTransactionCapacity); // one less than it takes
+    EXPECT_THROW(receiveTransaction(sockets.reader.get()), std::bad_alloc);
+}
+
 TEST_F(Identification, Send_WhenTransactionIsFullAndSocketNarrow_ArrivesWhole)
 {
     Transaction transaction;
@@ -460,6 +534,39 @@ TEST_F(Identification, Send_WhenReaderIsGone_ThrowsAndRaisesNoSignal)
     catch (const SystemError& error)
     {
         EXPECT_STREQ(error.what(), "sending failed: Broken pipe");
+    }
+}
+
+/* ---- MAC addresses --------------------------------------------------------------------------- */
+
+TEST_F(Identification, Secured_WhenAddressIsGiven_IsTheShownTextInItsSecuredForm)
+{
+    const MacAddress address{"001A7DDA7113"};
+    EXPECT_EQ(show(address), "00:1A:7D:DA:71:13");
+    EXPECT_EQ(secured(address), "TM=MDA6MUE6N0Q6REE6NzE6M");
+}
+
+TEST_F(Identification, Show_WhenAddressIsDamaged_ShowsItsDigitsWithoutAReport)
+{
+    setLogLevel(IAP2_LOG_WARNING);
+    support::takeTraces();
+    EXPECT_EQ(show(MacAddress{""}), "");
+    EXPECT_EQ(show(MacAddress{"001A"}), "001A");
+    EXPECT_THAT(support::takeMessages(), IsEmpty());
+}
+
+TEST_F(Identification, Marshal_WhenAddressCannotBeStored_Throws)
+{
+    Description description = shipped();
+    description.bluetooth[1].macAddress.digits.clear();
+    try
+    {
+        marshalIdentification(description);
+        FAIL();
+    }
+    catch (const SystemError& error)
+    {
+        EXPECT_STREQ(error.what(), "a MAC address could not be stored");
     }
 }
 

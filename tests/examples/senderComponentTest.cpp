@@ -12,11 +12,16 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
+#include <sys/socket.h>
+#include <sys/types.h>
 #include <unistd.h>
+
+#include <korvane/iAp2LogUtil.h>
 
 #include "descriptionReader.h"
 #include "failures.h"
+#include "NoThreads.h"
+#include "progress.h"
 #include "records.h"
 #include "roles.h"
 #include "senderComponent.h"
@@ -35,7 +40,7 @@ using testing::Each;
 using testing::ElementsAre;
 using testing::Ne;
 
-/** Which threads have dispatched, and the lines of the dispatches and of the steps, in order. */
+/** Which threads have dispatched, and the lines of the dispatches, in order. */
 class Dispatches
 {
 public:
@@ -44,8 +49,7 @@ public:
         support::onTrace(
             [this](const std::string& text)
             {
-                const bool isStep = text.find(" sender[") != std::string::npos;
-                if (isStep || text.find(" callEventHandler") != std::string::npos)
+                if (text.find(" callEventHandler") != std::string::npos)
                 {
                     const std::lock_guard<std::mutex> lock(mMutex);
                     mThreads.push_back(std::this_thread::get_id());
@@ -136,8 +140,7 @@ TEST_F(Sender, Steps_WhenPosted_RunInTheirOrderOnOneThreadOfTheirOwn)
 
     EXPECT_THAT(dispatches.messages(),
                 ElementsAre("callEventHandler: (describe) ", "callEventHandler: (marshal) ",
-                            own("marshals the components"), "callEventHandler: (send) ",
-                            own("sends 1140 bytes"), "callEventHandlerSync: (report) "));
+                            "callEventHandler: (send) ", "callEventHandlerSync: (report) "));
     const std::vector<std::thread::id> threads = dispatches.threads();
     ASSERT_FALSE(threads.empty());
     EXPECT_THAT(threads, AllOf(Each(Ne(std::this_thread::get_id())), Each(threads[0])));
@@ -148,6 +151,33 @@ TEST_F(Sender, Steps_WhenPosted_RunInTheirOrderOnOneThreadOfTheirOwn)
     EXPECT_EQ(received.bytes, marshalIdentification(description).bytes);
     EXPECT_EQ(transaction.bytes, received.bytes);
     EXPECT_EQ(transaction.payloadSize, received.payloadSize);
+}
+
+TEST_F(Sender, Send_WhenProgressIsShown_ComesBehindTheSendersLines)
+{
+    SocketPair sockets;
+    std::vector<std::string> lines;
+    std::vector<ssize_t> bytesThere;
+    support::onTrace(
+        [&](const std::string& text)
+        {
+            if (text.rfind("sender[", 0) == 0) // on the writer's thread alone
+            {
+                std::uint8_t byte = 0;
+                lines.push_back(text);
+                bytesThere.push_back(
+                    recv(sockets.reader.get(), &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT));
+            }
+        });
+    {
+        const ProgressLog log(IAP2_LOG_INFO);
+        SenderComponent component;
+        runSender(component, sockets.sender.get(), description);
+    }
+    support::onTrace({});
+    EXPECT_THAT(lines, ElementsAre(own("marshals the components"), own("sends 1140 bytes")));
+    EXPECT_THAT(bytesThere, ElementsAre(-1, -1));
+    EXPECT_EQ(receiveTransaction(sockets.reader.get()).size(), 1140U);
 }
 
 TEST_F(Sender, Steps_WhenPostedInTheWrongOrder_AreMisuse)
@@ -280,12 +310,7 @@ TEST_F(Sender, Post_WhenMemoryIsShort_EndsTheProcess)
 
 TEST_F(Sender, Construct_WhenThereIsNoThread_Throws)
 {
-    // A stack as large as the address space cannot be had.
-    pthread_attr_t usual;
-    ASSERT_EQ(pthread_getattr_default_np(&usual), 0);
-    pthread_attr_t large = usual;
-    ASSERT_EQ(pthread_attr_setstacksize(&large, std::size_t{1} << 60U), 0);
-    ASSERT_EQ(pthread_setattr_default_np(&large), 0);
+    const NoThreads none;
     std::string text = "none";
     try
     {
@@ -295,8 +320,6 @@ TEST_F(Sender, Construct_WhenThereIsNoThread_Throws)
     {
         text = error.what();
     }
-    EXPECT_EQ(pthread_setattr_default_np(&usual), 0);
-    pthread_attr_destroy(&usual);
     EXPECT_EQ(text, "no thread for the sender's handler");
 }
 

@@ -3,6 +3,8 @@
 #include <cstdarg>
 #include <new>
 
+#include <spawn.h>
+
 namespace
 {
 
@@ -40,6 +42,14 @@ std::size_t __real_strlen(const char* text);
 long __real_strtol(const char* text, char** end, int base);
 int __real_iAp2ExternelLogWirteDirect(int level, char* text, std::size_t length);
 void* __real__Znwm(std::size_t size);
+void __real__ZdlPv(void* block);
+void* __real__Znam(std::size_t size);
+void __real__ZdaPv(void* block);
+int __real_posix_spawn(pid_t* child, const char* path, const posix_spawn_file_actions_t* actions,
+                       const posix_spawnattr_t* attributes, char* const* arguments,
+                       char* const* environment);
+pid_t __real_waitpid(pid_t child, int* status, int options);
+char* __real_strdup(const char* text);
 int __real_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes);
 int __real_pthread_mutex_destroy(pthread_mutex_t* mutex);
 int __real_pthread_mutex_lock(pthread_mutex_t* mutex);
@@ -103,6 +113,48 @@ int __wrap_iAp2ExternelLogWirteDirect(int level, char* text, std::size_t length)
 void* __wrap__Znwm(std::size_t size)
 {
     return call(&support::Hooks::operatorNew, __real__Znwm, size);
+}
+
+void __wrap__ZdlPv(void* block)
+{
+    call(&support::Hooks::operatorDelete, __real__ZdlPv, block);
+}
+
+void __wrap__ZdlPvm(void* block, std::size_t)
+{
+    call(&support::Hooks::operatorDelete, __real__ZdlPv, block);
+}
+
+void* __wrap__Znam(std::size_t size)
+{
+    return call(&support::Hooks::newArray, __real__Znam, size);
+}
+
+void __wrap__ZdaPv(void* block)
+{
+    call(&support::Hooks::deleteArray, __real__ZdaPv, block);
+}
+
+int __wrap_posix_spawn(pid_t* child, const char* path, const posix_spawn_file_actions_t* actions,
+                       const posix_spawnattr_t* attributes, char* const* arguments,
+                       char* const* environment)
+{
+    if (actions != nullptr || attributes != nullptr)
+    {
+        return EINVAL; // the library uses neither
+    }
+    return call(&support::Hooks::posixSpawn, support::real::posixSpawn, child, path, arguments,
+                environment);
+}
+
+pid_t __wrap_waitpid(pid_t child, int* status, int options)
+{
+    return call(&support::Hooks::waitpid, __real_waitpid, child, status, options);
+}
+
+char* __wrap_strdup(const char* text)
+{
+    return call(&support::Hooks::strdup, __real_strdup, text);
 }
 
 int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes)
@@ -258,6 +310,36 @@ int wirteDirect(int level, char* text, std::size_t length)
 void* operatorNew(std::size_t size)
 {
     return __real__Znwm(size);
+}
+
+void operatorDelete(void* block)
+{
+    __real__ZdlPv(block);
+}
+
+void* newArray(std::size_t size)
+{
+    return __real__Znam(size);
+}
+
+void deleteArray(void* block)
+{
+    __real__ZdaPv(block);
+}
+
+int posixSpawn(pid_t* child, const char* path, char* const* arguments, char* const* environment)
+{
+    return __real_posix_spawn(child, path, nullptr, nullptr, arguments, environment);
+}
+
+pid_t waitpid(pid_t child, int* status, int options)
+{
+    return __real_waitpid(child, status, options);
+}
+
+char* strdup(const char* text)
+{
+    return __real_strdup(text);
 }
 
 int mutexInit(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes)

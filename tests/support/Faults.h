@@ -17,6 +17,7 @@
 
 #include <pthread.h>
 #include <sched.h>
+#include <sys/types.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -25,8 +26,12 @@ namespace support
 
 struct Hooks
 {
+    /** The first member: those behind it may release memory when a thread's hooks go. */
+    std::function<void(void*)> operatorDelete;
     std::function<void*(std::size_t)> malloc;
     std::function<void(void*)> free;
+    std::function<void*(std::size_t)> newArray;
+    std::function<void(void*)> deleteArray;
     std::function<void*(std::size_t)> newArrayNothrow;
     std::function<int(clockid_t, timespec*)> clockGettime;
     std::function<std::size_t(const char*)> strlen;
@@ -53,6 +58,10 @@ struct Hooks
     std::function<int(pthread_t, const char*)> threadSetname;
     std::function<int(pthread_t, int*, sched_param*)> threadGetschedparam;
     std::function<int(pthread_t, int, const sched_param*)> threadSetschedparam;
+
+    std::function<int(pid_t*, const char*, char* const*, char* const*)> posixSpawn;
+    std::function<pid_t(pid_t, int*, int)> waitpid;
+    std::function<char*(const char*)> strdup;
 
     std::function<int(useconds_t)> usleep;
     std::function<int(int option, const void* argument)> prctl;
@@ -112,6 +121,9 @@ int clockGettime(clockid_t clock, timespec* now);
 long strtol(const char* text, char** end, int base);
 int wirteDirect(int level, char* text, std::size_t length);
 void* operatorNew(std::size_t size);
+void operatorDelete(void* block);
+void* newArray(std::size_t size);
+void deleteArray(void* block);
 
 int mutexInit(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes);
 int mutexDestroy(pthread_mutex_t* mutex);
@@ -133,6 +145,11 @@ int threadCancel(pthread_t thread);
 int threadSetname(pthread_t thread, const char* name);
 int threadGetschedparam(pthread_t thread, int* policy, sched_param* parameters);
 int threadSetschedparam(pthread_t thread, int policy, const sched_param* parameters);
+
+/** Without file actions and attributes. */
+int posixSpawn(pid_t* child, const char* path, char* const* arguments, char* const* environment);
+pid_t waitpid(pid_t child, int* status, int options);
+char* strdup(const char* text);
 
 int usleep(useconds_t microseconds);
 int prctl(int option, const void* argument);

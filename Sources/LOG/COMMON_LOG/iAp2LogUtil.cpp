@@ -347,6 +347,18 @@ void logPrint(int level, const char* tag, const char* path, int line, const char
 
 #endif
 
+void korvaneReportError(const char* path, int line, const char* format, ...)
+{
+    if (!korvane::internal::isLevelPrinted(IAP2_LOG_ERROR))
+    {
+        return;
+    }
+    va_list arguments;
+    va_start(arguments, format);
+    printLine(IAP2_LOG_ERROR, "IAP2", path, line, format, arguments);
+    va_end(arguments);
+}
+
 void setLogLevel(int level)
 {
     korvaneLogLevel.store(level, std::memory_order_relaxed);

@@ -45,3 +45,21 @@ extern "C" int iAp2ExternelLogWirteDirect(int level, char* text, size_t /*length
 {
     return iAP2ExtLog(level, text);
 }
+
+extern "C" void iAP2initExternelLog(void)
+{
+    iAP2initExternelLogModelDefs();
+}
+
+extern "C" void iAP2TerminateExternelLog(void)
+{
+    iAP2TerminateExternelLogModelDefs();
+}
+
+extern "C" void iAP2initExternelLogModelDefs(void)
+{
+}
+
+extern "C" void iAP2TerminateExternelLogModelDefs(void)
+{
+}
