@@ -17,6 +17,9 @@ libdir=$(dirname "$(find "$prefix" -name libKorvane.so)")
 (cd "$prefix" && find . \( -type f -o -type l \) | sed "s|${libdir#"$prefix"/}|lib|" | LC_ALL=C sort) >"$scratch/files"
 sed -i 's/KorvaneTargets-[a-z]*\.cmake/KorvaneTargets-@CONFIG@.cmake/' "$scratch/files"
 diff -u - "$scratch/files" <<'FILES' || fail "the installed files have changed"
+./include/korvane/ByteArray.h
+./include/korvane/DataQueueList.h
+./include/korvane/SharedContext.h
 ./include/korvane/iAP2ExtLog.h
 ./include/korvane/iAP2ListImpl.h
 ./include/korvane/iAP2MsgBoxImpl.h
