@@ -1689,6 +1689,6 @@ TEST_P(ByteArrayModelTest, Operations_WhenRandom_DoWhatTheModelDoes)
     support::record(true);
 }
 
-INSTANTIATE_TEST_SUITE_P(Seeds, ByteArrayModelTest, testing::Values(1U, 2U, 3U));
+INSTANTIATE_TEST_SUITE_P(Runs, ByteArrayModelTest, testing::Values(1U, 2U, 3U));
 
 } // namespace
