@@ -24,8 +24,8 @@ namespace IAP2
 {
 
 /**
- * An array without a buffer is what a move leaves behind, a construction from no bytes, and an
- * assignment or a clear() that found no memory. It has a length of 0; nearly everything that is done
+ * An array without a buffer is what a move leaves behind, a construction from no bytes or from such
+ * an array, and an assignment or a clear() that found no memory. It has a length of 0; nearly everything that is done
  * to it reports an error, its destruction too, until it is assigned to.
  */
 class ByteArray
@@ -69,7 +69,7 @@ public:
     ByteArray& operator=(const ByteArray& other);
 
     /**
-     * Sets the length to 0. A buffer of up to 1024 bytes is kept for reuse, a larger one gives way to
+     * Sets the length to 0. Up to a capacity of 1024 the buffer is kept for reuse, above it gives way to
      * one of a single byte; should even that not be had, the array has no buffer afterwards. Without
      * a buffer: "ERROR : mpByteArray is NULL".
      *
@@ -111,7 +111,7 @@ public:
     /**
      * Makes the content `size` bytes long, with a terminating zero behind it. Growing takes a new
      * buffer of `size` + 1 bytes, also where the old one had room. Shrinking keeps the buffer. A
-     * negative `size` does nothing.
+     * negative `size` changes nothing.
      *
      * Reported, and nothing is changed: no buffer ("resize error : mpByteArray is NULL"). A lack of
      * memory is reported with the allocator's text ("resize error : std::bad_alloc"); content and
@@ -123,8 +123,8 @@ public:
     void resize(int size);
 
     /**
-     * Makes the capacity `size` + 1 bytes; the content stays. It only grows. Reported, and nothing
-     * is changed: no buffer ("reserve error : mpByteArray is NULL"), a `size` that is not above the
+     * Makes the capacity `size` + 1 bytes; the content stays. What counts as the capacity only
+     * grows. Reported, and nothing is changed: no buffer ("reserve error : mpByteArray is NULL"), a `size` that is not above the
      * present capacity ("reserve error : size error"), a negative length, which only a derived class
      * can make ("reserve error : mUsedSize < 0").
      *
@@ -157,6 +157,7 @@ public:
     ByteArray mid(int pos);
 
 protected:
+    // To be read by a derived class, not changed: the true size below would not follow.
     char* mpByteArray;       ///< owned, from array new
     std::int32_t mAllocSize; ///< what counts as the buffer's size
     std::int32_t mUsedSize;  ///< content bytes

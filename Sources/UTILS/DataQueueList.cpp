@@ -141,8 +141,7 @@ void DataQueueList::QueueTreadRunLoop()
 bool DataQueueList::isQueueEmpty()
 {
     const ScopedLock<Mutex> lock(mQueueMutex);
-    return mQueueHead != nullptr ? mQueueHead->next == mQueueTail
-                                 : queueGetCount(mQueueHead, mQueueTail) == 0;
+    return queueGetCount(mQueueHead, mQueueTail) == 0;
 }
 
 void DataQueueList::terminate()

@@ -2,7 +2,7 @@
  * A worker that handles queued data one item at a time, in the order of arrival.
  *
  * The constructor starts one POSIX thread, "iAP2DataQueue". Any thread adds items; the worker passes
- * each to the handler. Every operation traces its name at level 20.
+ * each to the handler. Every operation traces its name at level 20, the loop at 40.
  *
  *     worker:   take an item, if there is one
  *               call the handler with it, or with null
@@ -30,9 +30,10 @@ class DataQueueList
 {
 public:
     /**
-     * Sets up an empty queue and starts the worker, which at once calls the handler with null. Where
-     * the thread cannot be created ("ERROR : fail to create pthread ret[%d]", level 90) items are
-     * accepted that nobody takes.
+     * Sets up an empty queue and starts the worker, which calls the handler with null unless an item
+     * is there already. Where the thread cannot be created ("ERROR : fail to create pthread ret[%d]",
+     * level 90) items are accepted that nobody takes. Where memory is short there is no queue: that
+     * is reported as listInitNode() does, and so are every use and the destructor.
      *
      * @param datahandleFunc  is called on the worker, without a lock held, with each item, which is
      *                        then its own, and with null whenever nothing was queued. An exception
@@ -75,7 +76,9 @@ public:
 
     /**
      * Ends the worker, once the handler has returned from the item that it has, and waits for it;
-     * then the object can be destroyed. Items that are still queued stay, for the destructor.
+     * then, when every call of it has returned, the object can be destroyed. Items that are still
+     * queued stay, for the destructor. A thread of the client's own in QueueTreadRunLoop() ends too,
+     * but is not waited for.
      *
      * Threads: any, several at once and again later; each call returns when the worker has ended. A
      * cancellation point. The handler may call it too: there it only asks the worker to end, and does
@@ -102,7 +105,7 @@ private:
     ListNode* mQueueHead IAP2_PT_GUARDED_BY(mQueueMutex);
     ListNode* mQueueTail IAP2_PT_GUARDED_BY(mQueueMutex);
     Mutex mQueueMutex;
-    pthread_cond_t mQueueCond; // an item was added, the worker is to end, or it has ended
+    pthread_cond_t mQueueCond; // an item was added, the worker is to end, or nobody joins it now
     void (*mDataHandleFunc)(void*);
 };
 

@@ -2,8 +2,8 @@
  * Base64 and the secured form of values, MAC-address text, text parameters from a marshalled body.
  *
  * All functions may be called from any thread; a record and a cursor belong to one thread at a time.
- * Nothing blocks beyond the system allocator. The only exception that leaves a function is
- * std::bad_alloc, where a string that is to be returned cannot be made.
+ * Nothing blocks beyond the system allocator and the trace library. The only exception that leaves a
+ * function is std::bad_alloc, where a string that is to be returned or traced cannot be made.
  */
 #ifndef KORVANE_IAP2UTILS_H
 #define KORVANE_IAP2UTILS_H

@@ -836,8 +836,8 @@ const char* findFieldFault(int nStartIdx, int nLength)
 }
 
 /**
- * getUintFromBytes_C() byte by byte, for what has no result, or is wider than any number: which
- * report comes first depends on the bytes.
+ * getUintFromBytes_C() byte by byte, for whatever is not a number at once: which report comes first
+ * depends on the bytes.
  */
 [[gnu::cold, gnu::noinline]] std::uint32_t
 decodeUintByBytes(const unsigned char* data, unsigned long dataLen, int nStartIdx, int nLength)

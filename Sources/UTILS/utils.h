@@ -4,7 +4,7 @@
  *
  * The first two sections are for C as well. All functions may be called from any thread; a record, a
  * list and a queue belong to one thread at a time. Only run_system_cmd() and printDataByHexa() block
- * beyond the system allocator, and no exception leaves a function.
+ * beyond the system allocator and the trace library, and no exception leaves a function.
  */
 #ifndef KORVANE_UTILS_H
 #define KORVANE_UTILS_H
@@ -63,11 +63,11 @@ void iAP2_free(void* pointer);
  *
  * Threads: lists take no lock. Whoever shares one guards it.
  *
- * Failures are reported at level 90 unless said otherwise, and answered with 0 or null. Every
- * function except listFinalNode() and queueFinal() refuses a null sentinel ("ERROR : pHead[%p] or
- * pTail[%p] is NULL"). What takes a node or data refuses null ("ERROR : pNode is NULL", "ERROR :
- * pData is NULL") and nodes that are not in the list ("ERROR : pNode[%p] is not member of this
- * list"): except for the sentinels it walks the list to find out, so its cost is linear.
+ * Failures are reported at level 90 unless said otherwise, and answered with 0 or null. All but the
+ * functions that make and end a list refuse a null sentinel ("ERROR : pHead[%p] or pTail[%p] is
+ * NULL"). Getters, delete and find refuse a null node or null data ("ERROR : pNode is NULL", "ERROR :
+ * pData is NULL"). Nodes that are not in the list are refused ("ERROR : pNode[%p] is not member of
+ * this list"): except for the sentinels that takes a walk, so the cost is linear.
  *
  * Hazard: before it is known to be in the list, the neighbours of a node are looked at where it is
  * inserted at or deleted; a node that was released must not come here.
@@ -160,7 +160,7 @@ uint32_t listGetNodeCount(ListNode* pHead, ListNode* pTail);
 /** listInitNode(). */
 void queueInit(ListNode** pHead, ListNode** pTail);
 
-/** Puts `pData` in front of all others: listInsertDataAfterNode() the head. */
+/** Puts `pData`, which may be null, in front of all others: listInsertDataAfterNode() the head. */
 uint8_t queuePut(ListNode* pHead, ListNode* pTail, void* pData);
 
 /** Takes the oldest item: listGetDataRemoveNodeBeforeNode() the tail. Null when there is none. */
@@ -231,10 +231,10 @@ int32_t reSettingUtf8ParamFromCharValue(CmdSaveUtf8Param* param, char* updateDat
 /*
  * The decoders read the unsigned number in the field of `nLength` bytes from index `nStartIdx` on,
  * most significant byte first. `dataLen` says how many bytes of `data` may be read. A field of width
- * 0 is the number 0 and is not read; `data` may be null for it, and otherwise must not be.
+ * 0 is the number 0; `data` may be null where no byte of it is read.
  *
  * A failure is reported at level 90 and gives 0, which is a number as well: the report alone tells
- * them apart. They keep no state; any thread may call them, and they do not block.
+ * them apart. They keep no state, and any thread may call them.
  */
 
 /**

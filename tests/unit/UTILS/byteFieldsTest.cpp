@@ -555,6 +555,8 @@ TEST_F(HexDumpTest, PrintData_WhenAnArgumentIsMissing_DoesNothing)
     printDataByHexa(nullptr, bytes.data(), 16);
     printDataByHexa(mTitle, nullptr, 16);
     printDataByHexa(mTitle, bytes.data(), 0);
+    printDataByHexa(nullptr, bytes.data(), -1);
+    printDataByHexa(mTitle, nullptr, -1);
     EXPECT_THAT(writes.take(), IsEmpty());
     EXPECT_THAT(takeMessages(), IsEmpty());
 }

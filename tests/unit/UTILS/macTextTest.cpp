@@ -72,6 +72,10 @@ TEST_F(BtMacTest, ChangeString_WhenTextHasSeparators_ReadsThePairsAsTheyStand)
 {
     EXPECT_EQ(changeStringToByteArrayForBtMacAddr(mBytes, "00:1A:7D:DA:71:13"), 0);
     EXPECT_THAT(bytes(), ElementsAre(0x00, 0x00, 0x0A, 0x7D, 0x00, 0x0A));
+    EXPECT_THAT(takeMessages(),
+                ElementsAre("D MacAddress: [00:1A:7D:DA:71:13], size : [17]", "D MacAddress: [0]",
+                            "D MacAddress: [0]", "D MacAddress: [a]", "D MacAddress: [7d]",
+                            "D MacAddress: [0]", "D MacAddress: [a]"));
 }
 
 TEST_F(BtMacTest, ChangeString_WhenPairsAreNotHexadecimal_ParsesAsFarAsStrtolGoes)
@@ -192,6 +196,11 @@ TEST_F(BtMacTest, ChangeString_WhenAPairIsBothOutOfRangeAndTooLarge_ReportsTheRa
 class InsertColonTest : public support::TraceTest
 {
 };
+
+TEST_F(InsertColonTest, InsertColon_WhenTwelveCharactersAreNoAddress_InsertsTheColonsAllTheSame)
+{
+    EXPECT_EQ(insertColonIntoMacAddress("zz:: abcdefg"), "zz:::: a:bc:de:fg");
+}
 
 TEST_F(InsertColonTest, InsertColon_WhenTextHasTwelveCharacters_SeparatesThePairs)
 {

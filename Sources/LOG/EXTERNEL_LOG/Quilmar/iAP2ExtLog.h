@@ -59,8 +59,8 @@ typedef struct iAP2LogItem
 /**
  * The queue: a tail queue as the macros of BSD's <sys/queue.h> know it, with `entries` as the name of
  * the link. All zeros until the first iAp2ExternelLogWriteInit() or iAp2ExternelLogWriteAddQueue().
- * `tqh_first` may be read at any time, atomically: it is null when all texts that were queued before
- * have been handed on. Everything else is to be looked at only where neither the writer nor any
+ * `tqh_first` may be read at any time, atomically: between start and stop it is null when all texts
+ * that were queued before have been handed on. Everything else is to be looked at only where neither the writer nor any
  * caller changes it.
  */
 struct iAP2LogQueue
@@ -80,8 +80,12 @@ extern struct iAP2LogQueue my_tailq_head_iAP2;
  *     iAp2ExternelLogWriteThread() created!!! mTid[<thread id>]
  *     iAp2ExternelLogWriteThread() ended!!! mTid[<thread id>]
  *
+ * Two more lines stand there where they have to: "strlen(item->logStr) + 1 is larger than INT32_MAX"
+ * for a text of 2 GiB, which is skipped, and "item or item->logStr is NULL" again and again for an
+ * item without a text, which only somebody else can have put into the queue.
+ *
  * Any thread may call this at any time. Hazard: texts that are still queued are neither written nor
- * released.
+ * released, except for the one that the writer is handing on.
  *
  * @return 0, or the error code of pthread_mutex_init() or pthread_create(). After an error the
  *         writer is not running, and the queue is as it was.
