@@ -21,6 +21,7 @@
 #include <korvane/iAp2Marshal.h>
 #include <korvane/iAP2MsgHandler.h>
 #include <korvane/iAP2Utils.h>
+#include <korvane/SharedContext.h>
 #include <korvane/utils.h>
 
 #include "AllocationCounter.h"
@@ -181,6 +182,19 @@ TEST_F(BoundaryTest, MsgBox_WhenTheRecordIsTheClients_MovesItsBytes)
     EXPECT_THAT(received.volts, ElementsAre(0.5F, 1.5F, 2.5F, 3.5F));
     EXPECT_THAT(takeMessages(),
                 testing::Contains("E sendMessage: queue full, max_size_2, delete oldest"));
+}
+
+TEST_F(BoundaryTest, SharedContext_WhenSeenFromOutside_IsTheLibrarysOneInstance)
+{
+    EXPECT_EQ(IAP2::SharedContext::mInstance, nullptr);
+    IAP2::SharedContext* const instance = IAP2::SharedContext::getInstance();
+    EXPECT_NE(instance, nullptr);
+    EXPECT_EQ(IAP2::SharedContext::mInstance, instance);
+    EXPECT_EQ(IAP2::SharedContext::getInstance(), instance);
+    EXPECT_THAT(takeMessages(), ElementsAre("D SharedContext()"));
+    delete instance; // as a client may; the library never does
+    IAP2::SharedContext::mInstance = nullptr;
+    EXPECT_THAT(takeMessages(), ElementsAre("D ~SharedContext()"));
 }
 
 TEST_F(BoundaryTest, Marshal_WhenValuesArePutAndTaken_AllocatesNothing)

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -33,6 +34,15 @@ using support::ScopedHook;
 using testing::ElementsAre;
 using testing::IsEmpty;
 namespace real = support::real;
+
+// Clients walk the queue with the macros of <sys/queue.h>, compiled long ago.
+static_assert(offsetof(iAP2LogItem, level) == 0 && offsetof(iAP2LogItem, logStr) == 8 &&
+                  offsetof(iAP2LogItem, entries.tqe_next) == 16 &&
+                  offsetof(iAP2LogItem, entries.tqe_prev) == 24 && sizeof(iAP2LogItem) == 32,
+              "an item's fields have moved");
+static_assert(offsetof(iAP2LogQueue, tqh_first) == 0 && offsetof(iAP2LogQueue, tqh_last) == 8 &&
+                  sizeof(iAP2LogQueue) == 16,
+              "the head's fields have moved");
 
 /** Made of what ThreadSanitizer follows through a cancellation, and out of reach of the hooks. */
 class Semaphore

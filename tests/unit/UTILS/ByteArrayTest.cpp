@@ -36,6 +36,20 @@ using support::takeMessages;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
+// Clients call these by the names that they were compiled with: none is const, and there are two
+// copy assignments.
+static_assert(
+    std::is_same<decltype(&ByteArray::length), int (ByteArray::*)()>::value &&
+        std::is_same<decltype(&ByteArray::getUsedSize), int (ByteArray::*)()>::value &&
+        std::is_same<decltype(&ByteArray::data), char* (ByteArray::*)()>::value &&
+        std::is_same<decltype(&ByteArray::constData), const char* (ByteArray::*)()>::value,
+    "an operation has another type");
+[[maybe_unused]] constexpr ByteArray& (ByteArray::*assign)(ByteArray&) = &ByteArray::operator=;
+[[maybe_unused]] constexpr ByteArray& (ByteArray::*assignConst)(const ByteArray&) =
+    &ByteArray::operator=;
+[[maybe_unused]] constexpr ByteArray (ByteArray::*midRange)(int, int) = &ByteArray::mid;
+[[maybe_unused]] constexpr ByteArray (ByteArray::*midRest)(int) = &ByteArray::mid;
+
 constexpr int kIntMax = std::numeric_limits<int>::max();
 constexpr int kIntMin = std::numeric_limits<int>::min();
 
