@@ -38,12 +38,10 @@ using testing::IsEmpty;
 
 // Clients call these by the names that they were compiled with: none is const, and there are two
 // copy assignments.
-static_assert(
-    std::is_same<decltype(&ByteArray::length), int (ByteArray::*)()>::value &&
-        std::is_same<decltype(&ByteArray::getUsedSize), int (ByteArray::*)()>::value &&
-        std::is_same<decltype(&ByteArray::data), char* (ByteArray::*)()>::value &&
-        std::is_same<decltype(&ByteArray::constData), const char* (ByteArray::*)()>::value,
-    "an operation has another type");
+[[maybe_unused]] constexpr int (ByteArray::*lengthOf)() = &ByteArray::length;
+[[maybe_unused]] constexpr int (ByteArray::*usedSizeOf)() = &ByteArray::getUsedSize;
+[[maybe_unused]] constexpr char* (ByteArray::*dataOf)() = &ByteArray::data;
+[[maybe_unused]] constexpr const char* (ByteArray::*constDataOf)() = &ByteArray::constData;
 [[maybe_unused]] constexpr ByteArray& (ByteArray::*assign)(ByteArray&) = &ByteArray::operator=;
 [[maybe_unused]] constexpr ByteArray& (ByteArray::*assignConst)(const ByteArray&) =
     &ByteArray::operator=;
