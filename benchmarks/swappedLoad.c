@@ -9,29 +9,17 @@ uint8_t swappedLoad8(unsigned char* data, unsigned long dataLen, int nStartIdx, 
     return data[nStartIdx];
 }
 
-uint16_t swappedLoad16(unsigned char* data, unsigned long dataLen, int nStartIdx, int nLength)
-{
-    (void)dataLen;
-    (void)nLength;
-    uint16_t number;
-    memcpy(&number, data + nStartIdx, sizeof number);
-    return __builtin_bswap16(number);
-}
+#define DEFINE_SWAPPED_LOAD(bits)                                                                  \
+    uint##bits##_t swappedLoad##bits(unsigned char* data, unsigned long dataLen, int nStartIdx,    \
+                                     int nLength)                                                  \
+    {                                                                                              \
+        (void)dataLen;                                                                             \
+        (void)nLength;                                                                             \
+        uint##bits##_t number;                                                                     \
+        memcpy(&number, data + nStartIdx, sizeof number);                                          \
+        return __builtin_bswap##bits(number);                                                      \
+    }
 
-uint32_t swappedLoad32(unsigned char* data, unsigned long dataLen, int nStartIdx, int nLength)
-{
-    (void)dataLen;
-    (void)nLength;
-    uint32_t number;
-    memcpy(&number, data + nStartIdx, sizeof number);
-    return __builtin_bswap32(number);
-}
-
-uint64_t swappedLoad64(unsigned char* data, unsigned long dataLen, int nStartIdx, int nLength)
-{
-    (void)dataLen;
-    (void)nLength;
-    uint64_t number;
-    memcpy(&number, data + nStartIdx, sizeof number);
-    return __builtin_bswap64(number);
-}
+DEFINE_SWAPPED_LOAD(16)
+DEFINE_SWAPPED_LOAD(32)
+DEFINE_SWAPPED_LOAD(64)

@@ -137,7 +137,7 @@ void DataQueueList::QueueTreadRunLoop()
     KORVANE_LOG(IAP2_LOG_INFO, "QueueTreadRunLoop() terminate");
 }
 
-/** True when queueGetCount() would be 0; counts nothing while producers wait for the lock. */
+/** Counts under the lock, since producers change the list meanwhile. */
 bool DataQueueList::isQueueEmpty()
 {
     const ScopedLock<Mutex> lock(mQueueMutex);
